@@ -1,0 +1,163 @@
+// The device image: panel status, configuration, logs and events, and the
+// dispatch of panel replies into it.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <map>
+#include <set>
+#include <string>
+#include <utility>
+#include <vector>
+
+// Raw telemetry pieces between one parse_tmt and the next tmt_to_status_dev.
+struct TMT {
+    std::string mode;
+    std::string devtype;
+    std::string sim;
+    std::string tmt02_first;
+    std::string tmt02_second;
+    std::string gsm;
+    std::string server;
+    std::string power_mode;
+    std::string power_value;
+    std::string power_ext;
+    std::map<std::string, std::string> part_list;
+    std::map<std::string, std::string> lm_state_list;
+    std::map<std::string, std::string> lm_value_list;
+    std::string ext_list_one;
+    std::string ext_list_two;
+    std::map<std::string, std::string> tamper_list;
+    std::map<std::string, std::string> ok_list;
+    std::string t;
+    std::string balance;
+    std::string learnkey;
+    std::string ident;
+    std::string clock;
+    std::string temp_server_ip;
+    std::string temp_server_port;
+
+    void clear();
+};
+
+// The panel's live status as shown to the browser.
+class StatusDevice {
+public:
+    struct Ext {
+        std::string S;
+        std::string T;
+    };
+    struct Lm {
+        std::string S;
+        std::string R;
+    };
+
+    std::string devtype;
+    std::atomic<int> status{1};
+    std::string rcfg = "0", rmsg = "0", rlog = "0", rupd = "0";
+    std::string progress_cfg = "0", msg = "0", log = "0", logmax = "0", upd = "0";
+    std::string update = "false";
+    std::string com;
+    std::string sim, gsm, server, power_mode, power_value, power_ext, tamper, t, balance;
+    std::string modem, xcpu, learnkey;
+    std::map<int, std::string> part;
+    std::map<int, Ext> ext;
+    std::map<int, std::string> ok;
+    std::map<int, Lm> lm;
+    std::string ident, date, time;
+    std::string temp_server_ip, temp_server_port;
+
+    void clear();
+    // Rebuilds `com` from the serial ports present on this machine.
+    void get_ports();
+};
+
+// One panel event record.
+struct dev_event {
+    uint32_t time;
+    uint32_t id;
+    uint16_t code;
+    uint8_t part;
+    uint8_t zona;
+    uint8_t user;
+    uint8_t ext;
+    uint8_t flags;
+};
+
+class DevParser {
+public:
+    DevParser();
+
+    // ---- Reply dispatch (device thread) ----
+    std::vector<std::vector<unsigned char>> packets;  // received, awaiting parse_all
+    int parse_all();
+    int parse_packet(std::vector<unsigned char>& pkt);
+    void clear();
+    void init(std::string model);
+
+    // ---- Status ----
+    StatusDevice status_dev;
+    std::atomic<bool> ready{false};  // last "+tmt00" carried mode "1"
+    std::atomic<bool> pass_accepted{false};  // the panel accepted the access password
+    void set_status(int s);
+    void set_status_10();
+    int get_status() const { return status_dev.status; }
+    // Ready-state and progress texts, guarded by http_mutex (both threads write them).
+    void set_ready_text(std::string StatusDevice::*field, const std::string& value);
+    std::string get_ready_text(std::string StatusDevice::*field);
+
+    // Negative receipts requested by the dispatcher, sent by write_step.
+    std::atomic<bool> send_AN1{false}, send_AN2{false}, send_AN5{false};
+
+    // ---- Telemetry ----
+    TMT tmt;
+    int parse_tmt(std::vector<unsigned char>& data, unsigned long pos);
+    void tmt_to_status_dev();
+    void status_to_json(std::string& out);
+    void par2json(const char* name, std::string& value, std::string& out);
+
+    // ---- Binary block transfer (events) ----
+    uint8_t block_kind = 0;
+    uint32_t expected_block = 0;
+    std::vector<unsigned char> block_buffer;
+    int events_bytes_total = 0;
+    int events_bytes_received = 0;
+
+    // ---- Firmware ----
+    std::atomic<int> fw_blocks_total{0};
+    std::atomic<int> fw_blocks_sent{0};
+    int firmware_to_dev(int target, std::vector<char>& image);
+    void getdisk_to_json(std::string& out);
+
+    // ---- Configuration ----
+    std::map<std::string, std::pair<std::string, std::string>> cfg;
+    std::set<std::string> cfg_keys;
+    std::map<std::string, std::string> cfg_send;
+    std::string cfg_td, cfg_sv, cfg_cs1;
+    int cfg_total = 0;
+    int cfg_count = 0;
+    int parse_cfg(std::vector<unsigned char>& data, unsigned long start);
+    void cfg_to_json(std::string& out);
+    void mask_to_json(std::string& mask, std::string& out);
+    void update_cfg_to_json(std::string& out);
+    void json_to_cfg(std::string& json);
+    void file_to_cfg(std::string& text);
+    void cfg_to_file(std::string& out);
+    void cfg_to_dev();
+    std::string set_sens_resistance(std::string& model);
+
+    // ---- Logs ----
+    std::vector<std::string> logs;
+    int log_received = 0;
+    int log_count = 0;
+    int parse_log(std::vector<unsigned char>& data, unsigned long pos);
+    void dev_log_to_json(std::string& out, int first, int count);
+    void dev_log_to_file(std::string& out);
+    void clear_logs();
+
+    // ---- Events ----
+    std::vector<dev_event> events;
+    void get_list_dev_events(std::vector<unsigned char>& data);
+    void dev_events_to_json(std::string& out);
+    void dev_events_to_file(std::string& out);
+};
