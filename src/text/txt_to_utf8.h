@@ -4,10 +4,12 @@
 #include <cstdint>
 #include <string>
 
-namespace cp2utf {
-// Unicode code point of each CP1251 byte; the undefined byte 0x98 maps to 0.
-extern const uint16_t utf[256];
-}
+// A struct rather than a namespace so that the function cp2utf below can share
+// its name; `cp2utf::utf` still names the table.
+struct cp2utf {
+    // Unicode code point of each CP1251 byte; the undefined byte 0x98 maps to 0.
+    static const uint16_t utf[256];
+};
 
 struct cp_letter {
     uint32_t cp1251;
