@@ -32,7 +32,9 @@ extern uint8_t cry_256_position_withoutRand;
 void CRY_256_RESET_WITHOUT_RAND();
 
 int CRY_256_CRYPTO_WITH_RND_FLAG(uint8_t* buf, int n, int ignored, int own_key, const uint8_t* key);
-// Buffer must have room for n + 8 bytes. Returns the cipher text length.
+// Buffer must have room for n + 9 bytes: up to 8 padding bytes and the trailer
+// are added (9 when n + 1 is a multiple of 8). Returns the cipher text length,
+// 0 when refused (no cipher data loaded, null buffer or key, n < 0).
 int EncryptGOST(uint8_t* buf, int n, const uint8_t* key);
 int CRY_256_CRYPTO_WITHOUT_RAND(uint8_t* buf, int n, const uint8_t* key);
 // The inverse of the above (named so by the panel family). Null on failure.
