@@ -1,0 +1,133 @@
+// Process start-up, the long-lived globals shared by both threads, shutdown.
+#include "core/engine.h"
+
+#include <cstdio>
+#include <memory>
+
+#include "crypto/CryptoKey.h"
+#include "http/http_server.h"
+#include "link/dev_port.h"
+
+// Construction order matters: the device image first, then the queues that
+// feed the panel, then the user name and the HTTP debug channel.
+DevParser parser;
+Queue queue;
+BBQueue bbqueue;
+std::string user_name;
+json_msg json;
+
+std::atomic<bool> is_exit{false};
+pthread_mutex_t http_mutex = PTHREAD_MUTEX_INITIALIZER;
+pthread_mutex_t cout_mutex = PTHREAD_MUTEX_INITIALIZER;
+
+namespace {
+
+struct PipeCloser {
+    void operator()(FILE* pipe) const { pclose(pipe); }
+};
+
+struct DebugKey {
+    const char* key;
+    std::initializer_list<bool*> switches;
+    const std::string& channel;
+    const char* subject;
+};
+
+// Tried in this order; the first exact match acts.
+const DebugKey debug_keys[] = {
+    {"ds1", {&dm_s1}, ds, "for src bytes"},
+    {"ds2", {&dm_s2}, ds, "for command and firmware"},
+    {"ds3", {&dm_s3}, ds, "for receipt"},
+    {"ds", {&dm_s1, &dm_s2, &dm_s3}, ds, "for all"},
+    {"dr1", {&dm_r1}, dr, "for src bytes"},
+    {"dr2", {&dm_r2}, dr, "for telemetry"},
+    {"dr3", {&dm_r3}, dr, "for config, logs, events"},
+    {"dr4", {&dm_r4}, dr, "for receipt"},
+    {"dr", {&dm_r1, &dm_r2, &dm_r3, &dm_r4}, dr, "for all"},
+    {"dh1", {&dm_h1}, dh, "for sending bytes"},
+    {"dh2", {&dm_h2}, dh, "for received bytes"},
+    {"dh", {&dm_h1, &dm_h2}, dh, "for all"},
+};
+
+// Without a usable cipher file the engine still runs; only the access
+// password and encrypted configuration files are unavailable.
+void load_cipher() {
+    std::string error;
+    if (load_cipher_file(cipher_file_name, error)) return;
+    console_line(std::string("Cipher file ") + cipher_file_name + " not usable (" + error +
+                 "): access password and .cry files are disabled");
+}
+
+}  // namespace
+
+std::string read_sudo_user() {
+    std::string name;
+    std::unique_ptr<FILE, PipeCloser> pipe(popen("echo $SUDO_USER", "r"));
+    if (!pipe) return name;
+    for (int c = fgetc(pipe.get()); c != EOF; c = fgetc(pipe.get())) {
+        if (c == '\n' || c == '\r') continue;
+        name += static_cast<char>(c);
+    }
+    return name;
+}
+
+std::string usage_text() {
+    return "vorcore <key1> <key2> .. \n"
+           " where keys:\n"
+           "ds1 - " + ds + "for src bytes\n"
+           "ds2 - " + ds + "for command and firmware\n"
+           "ds3 - " + ds + "for receipt\n"
+           "ds - " + ds + "for all\n"
+           "\n"
+           "dr1 - " + dr + "foor src bytes\n"
+           "dr2 - " + dr + "for telemetry\n"
+           "dr3 - " + dr + "for config, logs, events\n"
+           "dr4 - " + dr + "for receipt\n"
+           "dr - " + dr + "for all\n"
+           "\n"
+           "dh1 - " + dh + "for sending bytes\n"
+           "dh1 - " + dh + "for received bytes\n"
+           "dh - " + dh + "for all\n";
+}
+
+bool apply_key(const std::string& key) {
+    if (key == "help") {
+        console_raw(usage_text());
+        return false;
+    }
+    for (const DebugKey& entry : debug_keys) {
+        if (key != entry.key) continue;
+        console_line("ON" + entry.channel + entry.subject);
+        debug_mode = true;
+        for (bool* flag : entry.switches) *flag = true;
+        return true;
+    }
+    return true;
+}
+
+void* threadFunc(void*) {
+    dev_thread();
+    pthread_exit(nullptr);
+}
+
+int engine_main(int argc, char** argv) {
+    console_line("");
+    console_line(std::string("Configurator Core ver ") + engine_version);
+    user_name = read_sudo_user();
+    for (int i = 1; i < argc; ++i) {
+        if (!apply_key(argv[i])) return 0;
+    }
+    load_cipher();
+
+    pthread_t device_thread;
+    bool device_thread_started = pthread_create(&device_thread, nullptr, threadFunc, nullptr) == 0;
+    if (!device_thread_started) console_line("Device thread create error");
+
+    http_server();
+
+    if (device_thread_started) pthread_join(device_thread, nullptr);
+    close_dev();
+    pthread_mutex_destroy(&http_mutex);
+    pthread_mutex_destroy(&cout_mutex);
+    return 0;
+}
