@@ -67,10 +67,23 @@ public:
     std::string ident, date, time;
     std::string temp_server_ip, temp_server_port;
 
+    // Back to the state of a fresh connection; refills `com` from the ports
+    // present. The caller holds http_mutex (DevParser::clear does).
     void clear();
-    // Rebuilds `com` from the serial ports present on this machine.
+    // The same with a port list already taken, so that no shell command runs
+    // while http_mutex is held. The caller holds http_mutex.
+    void reset(const std::string& ports);
+    // Rebuilds `com` from the serial ports present on this machine; takes
+    // http_mutex for the assignment, so the caller must not hold it.
     void get_ports();
 };
+
+// The inside of the `com` JSON array from the output of "ls": each non-empty,
+// line-feed-terminated line double-quoted, separated by commas.
+std::string ports_from_ls(const std::string& ls_output);
+// The disk list JSON from the output of "lsblk -n -p -P -o
+// NAME,LABEL,TRAN,TYPE,MOUNTPOINT": the mounted first partition of each USB drive.
+std::string disks_from_lsblk(const std::string& lsblk_output);
 
 // One panel event record.
 struct dev_event {
@@ -92,7 +105,9 @@ public:
     std::vector<std::vector<unsigned char>> packets;  // received, awaiting parse_all
     int parse_all();
     int parse_packet(std::vector<unsigned char>& pkt);
+    // Empties the image; called on connect, disconnect and link loss.
     void clear();
+    // New device type reported; called by tmt_to_status_dev with http_mutex held.
     void init(std::string model);
 
     // ---- Status ----
@@ -102,7 +117,8 @@ public:
     void set_status(int s);
     void set_status_10();
     int get_status() const { return status_dev.status; }
-    // Ready-state and progress texts, guarded by http_mutex (both threads write them).
+    // Ready-state and progress texts, guarded by http_mutex (both threads write
+    // them). Both take the mutex, so they must not be called with it held.
     void set_ready_text(std::string StatusDevice::*field, const std::string& value);
     std::string get_ready_text(std::string StatusDevice::*field);
 
@@ -111,6 +127,7 @@ public:
 
     // ---- Telemetry ----
     TMT tmt;
+    // parse_tmt, tmt_to_status_dev and status_to_json take http_mutex themselves.
     int parse_tmt(std::vector<unsigned char>& data, unsigned long pos);
     void tmt_to_status_dev();
     void status_to_json(std::string& out);
@@ -144,6 +161,7 @@ public:
     void file_to_cfg(std::string& text);
     void cfg_to_file(std::string& out);
     void cfg_to_dev();
+    // Takes no lock: init calls it with http_mutex held.
     std::string set_sens_resistance(std::string& model);
 
     // ---- Logs ----
@@ -160,4 +178,14 @@ public:
     void get_list_dev_events(std::vector<unsigned char>& data);
     void dev_events_to_json(std::string& out);
     void dev_events_to_file(std::string& out);
+
+private:
+    void on_receipt(const std::vector<unsigned char>& pkt);
+    void on_plain_receipt();
+    void on_binary_block(const std::vector<unsigned char>& pkt);
+    void on_events_progress();
+    void on_text_reply(std::vector<unsigned char>& pkt);
+    void on_log_count(const std::vector<unsigned char>& pkt);
+    void on_firmware_result(const std::vector<unsigned char>& pkt);
+    void store_tmt_line(const std::string& line);
 };
