@@ -8,6 +8,7 @@
 #include "core/debug.h"
 #include "core/engine.h"
 #include "http/get_api.h"
+#include "http/http_server.h"
 
 const char* const json_ok = "{\"result\":\"ok\",\"description\":\"\"}";
 const char* const json_error = "{\"result\":\"error\",\"description\":\"\"}";
@@ -230,7 +231,11 @@ static std::string printable(const std::string& text) {
 
 // Examines the head (the lines after the request line up to the first blank
 // line) and returns why the request must be refused, or an empty text.
-static std::string refusal_reason(const std::vector<std::string>& lines) {
+static std::string refusal_reason(const std::vector<std::string>& lines, int header_len, int len) {
+    // A first read that is full and holds no blank line may be cut inside the head: the
+    // lines naming the request's origin could lie beyond it, unseen (a page only has to
+    // pad its URL to push them there).
+    if (header_len == 0 && len >= static_cast<int>(sizeof readBuffer)) return "head longer than one read";
     for (size_t i = 1; i < lines.size() && !lines[i].empty(); ++i) {
         size_t colon = lines[i].find(':');
         if (colon == std::string::npos) continue;
@@ -303,7 +308,7 @@ int parse(char* buf, int len, std::stringstream& answer, parsing_result& result)
     split_elements(lines[0], elements);
     if (debug_mode && dm_h2) print_request(buf, len);
 
-    std::string reason = refusal_reason(lines);
+    std::string reason = refusal_reason(lines, header_len, len);
     if (!reason.empty()) {
         console_stamped("Request refused, " + reason);
         answer << answer_forbidden;

@@ -25,10 +25,11 @@ const std::string usage =
     "dh1 -  debug info about exchange by http for received bytes\n"
     "dh -  debug info about exchange by http for all\n";
 
-// Runs the engine in an empty directory so that nothing beside it is found.
+// Runs the engine in an empty directory so that nothing beside it is found,
+// and removes the directory afterwards.
 ProgramResult run_engine(const std::string& args) {
-    return run_program("cd \"$(mktemp -d)\" && " + std::string(VORCORE_BINARY) + " " + args +
-                       " </dev/null 2>/dev/null");
+    return run_program("d=$(mktemp -d) && cd \"$d\" && " + std::string(VORCORE_BINARY) + " " + args +
+                       " </dev/null 2>/dev/null; rc=$?; cd / && rm -rf \"$d\"; exit $rc");
 }
 
 TEST(CommandLine, HelpPrintsUsageAndExitsAtOnce) {

@@ -296,6 +296,30 @@ TEST(Parse, OnlyTheHeadIsExaminedForOrigins) {
     Parsed p = run_parse("POST /x HTTP/1.1\r\nContent-Length: 29\r\n\r\nOrigin: null\r\nHost: evil\r\n\r\n");
     EXPECT_EQ(p.answer, json_answer(json_ok));
     EXPECT_EQ(p.result.query, "/x");
+
+    // A padded URL pushes the head's origin lines beyond the 1400 bytes of the first read.
+    auto padded = [](const std::string& method, size_t line_len, const std::string& rest) {
+        std::string line = method + " /tuning/device?id=-1&cmd=71&pad=";
+        line += std::string(line_len - line.size() - 9, 'a') + " HTTP/1.1";
+        return (line + "\r\n" + rest).substr(0, 1400);
+    };
+    struct Case {
+        std::string request;
+        bool refused;
+    };
+    const Case cases[] = {
+        {padded("GET", 1398, "Host: evil\r\n"), true},
+        {padded("POST", 1370, "Host: localhost\r\nOrigin: null\r\nSec-Fetch-Site: cross-site\r\n\r\n"), true},
+        {padded("POST", 1377, "Content-Length: 0\r\n\r\n"), false},  // a whole head of exactly 1400 bytes
+        {padded("POST", 1370, "Content-Length: 0\r\n"), false},        // a short read holds all there is
+    };
+    for (const Case& c : cases) {
+        testing::internal::CaptureStdout();
+        p = run_parse(c.request);
+        std::string console = without_stamps(testing::internal::GetCapturedStdout());
+        EXPECT_EQ(p.answer, c.refused ? forbidden : json_answer(json_ok)) << c.request.size();
+        EXPECT_EQ(console, c.refused ? "Request refused, head longer than one read\n" : "") << c.request.size();
+    }
 }
 
 TEST(Parse, DebugSwitchPrintsTheRequest) {
