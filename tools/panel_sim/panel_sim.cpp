@@ -1,0 +1,310 @@
+// The simulated panel's thread: pty I/O, frame handling, replies and misbehaviour.
+#include "panel_sim.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <pty.h>
+#include <sys/stat.h>
+#include <termios.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <climits>
+#include <cstring>
+#include <cstdio>
+#include <iostream>
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+constexpr int LOOP_WAIT_MS = 10;
+constexpr size_t MAX_PENDING_OUTPUT = 64 * 1024;  // beyond this an unread panel drops output
+constexpr size_t GARBAGE_LEN = 16;
+
+std::string printable(const std::string& bytes) {
+    std::string out;
+    for (unsigned char c : bytes) {
+        if (c == 0x7E) out += "<START>";
+        else if (c == 0x7F) out += "<END>";
+        else if (c >= 0x20 && c < 0x7E) out += static_cast<char>(c);
+        else {
+            char hex[8];
+            std::snprintf(hex, sizeof hex, "<%02x>", c);
+            out += hex;
+        }
+    }
+    return out;
+}
+
+bool starts_with(const std::string& text, const char* prefix) { return text.rfind(prefix, 0) == 0; }
+
+}  // namespace
+
+PanelSim::PanelSim(PanelSimOptions options)
+    : options_(std::move(options)),
+      silent_(options_.silent),
+      block_ack_(options_.block_ack),
+      garbage_(options_.garbage),
+      split_(options_.split),
+      telemetry_ms_(options_.telemetry_ms),
+      content_(options_.content) {}
+
+PanelSim::~PanelSim() { stop(); }
+
+bool PanelSim::start() {
+    if (running_) return true;
+    char name[PATH_MAX] = {};
+    if (openpty(&master_fd_, &slave_fd_, name, nullptr, nullptr) != 0) {
+        error_ = std::string("openpty: ") + std::strerror(errno);
+        return false;
+    }
+    // Programs started meanwhile (the engine under test, its shell commands)
+    // must not inherit the master: a copy held elsewhere would keep a hang-up
+    // from reaching the engine.
+    fcntl(master_fd_, F_SETFD, FD_CLOEXEC);
+    fcntl(slave_fd_, F_SETFD, FD_CLOEXEC);
+    // Raw like a USB serial line: no echo, no line editing, every byte passes;
+    // the engine's own "stty raw" then changes nothing.
+    termios mode{};
+    tcgetattr(slave_fd_, &mode);
+    cfmakeraw(&mode);
+    tcsetattr(slave_fd_, TCSANOW, &mode);
+    fcntl(master_fd_, F_SETFL, fcntl(master_fd_, F_GETFL) | O_NONBLOCK);
+    slave_path_ = name;
+    make_link();
+    running_ = true;
+    thread_ = std::thread([this] { run(); });
+    return true;
+}
+
+void PanelSim::stop() {
+    if (running_.exchange(false) && thread_.joinable()) thread_.join();
+    remove_link();
+    close_master();
+    if (slave_fd_ >= 0) close(slave_fd_);
+    slave_fd_ = -1;
+}
+
+void PanelSim::make_link() {
+    if (!options_.make_link || geteuid() != 0) return;
+    struct stat existing{};
+    if (lstat(PANEL_SIM_LINK, &existing) == 0) {
+        if (!S_ISLNK(existing.st_mode)) return;  // a real device of that name: leave it
+        unlink(PANEL_SIM_LINK);                  // left over from a simulator that was killed
+    }
+    if (symlink(slave_path_.c_str(), PANEL_SIM_LINK) == 0) link_path_ = PANEL_SIM_LINK;
+}
+
+void PanelSim::remove_link() {
+    if (link_path_.empty()) return;
+    char target[PATH_MAX] = {};
+    ssize_t n = readlink(link_path_.c_str(), target, sizeof target - 1);
+    if (n > 0 && slave_path_ == std::string(target, static_cast<size_t>(n))) unlink(link_path_.c_str());
+    link_path_.clear();
+}
+
+void PanelSim::close_master() {
+    if (master_fd_ >= 0) close(master_fd_);
+    master_fd_ = -1;
+}
+
+void PanelSim::set_content(const PanelContent& content) {
+    std::lock_guard<std::mutex> lock(content_mutex_);
+    content_ = content;
+}
+
+PanelContent PanelSim::content() {
+    std::lock_guard<std::mutex> lock(content_mutex_);
+    return content_;
+}
+
+void PanelSim::send_raw(const std::string& bytes) { queue_bytes(bytes, Clock::now()); }
+
+void PanelSim::send_frame(char type, const std::string& payload) { queue_frame(sim_frame(type, payload)); }
+
+std::vector<SimFrame> PanelSim::received() {
+    std::lock_guard<std::mutex> lock(in_mutex_);
+    return frames_;
+}
+
+std::string PanelSim::received_bytes() {
+    std::lock_guard<std::mutex> lock(in_mutex_);
+    return raw_in_;
+}
+
+void PanelSim::forget_received() {
+    std::lock_guard<std::mutex> lock(in_mutex_);
+    frames_.clear();
+    raw_in_.clear();
+}
+
+bool PanelSim::wait_received(size_t count, int timeout_ms) {
+    std::unique_lock<std::mutex> lock(in_mutex_);
+    return in_changed_.wait_for(lock, std::chrono::milliseconds(timeout_ms),
+                                [&] { return frames_.size() >= count; });
+}
+
+bool PanelSim::wait_received_bytes(size_t len, int timeout_ms) {
+    std::unique_lock<std::mutex> lock(in_mutex_);
+    return in_changed_.wait_for(lock, std::chrono::milliseconds(timeout_ms),
+                                [&] { return raw_in_.size() >= len; });
+}
+
+bool PanelSim::wait_output_flushed(int timeout_ms) {
+    auto deadline = Clock::now() + std::chrono::milliseconds(timeout_ms);
+    while (Clock::now() < deadline) {
+        {
+            std::lock_guard<std::mutex> lock(out_mutex_);
+            if (out_.empty()) return true;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    }
+    return false;
+}
+
+// A frame goes out whole, or in two parts far enough apart that the engine
+// reads them in different cycles.
+void PanelSim::queue_frame(const std::string& frame) {
+    if (!split_ || frame.size() < 2) {
+        queue_bytes(frame, Clock::now());
+        return;
+    }
+    size_t half = frame.size() / 2;
+    auto now = Clock::now();
+    queue_bytes(frame.substr(0, half), now);
+    queue_bytes(frame.substr(half), now + std::chrono::milliseconds(options_.split_delay_ms));
+}
+
+void PanelSim::queue_bytes(const std::string& bytes, Clock::time_point due) {
+    std::lock_guard<std::mutex> lock(out_mutex_);
+    if (out_bytes_ + bytes.size() > MAX_PENDING_OUTPUT) return;
+    // Output keeps its order: a chunk is never due before the one ahead of it.
+    if (!out_.empty() && out_.back().due > due) due = out_.back().due;
+    out_.push_back({bytes, due});
+    out_bytes_ += bytes.size();
+}
+
+void PanelSim::flush_output() {
+    std::lock_guard<std::mutex> lock(out_mutex_);
+    while (!out_.empty() && master_fd_ >= 0 && out_.front().due <= Clock::now()) {
+        Chunk& head = out_.front();
+        ssize_t n = write(master_fd_, head.bytes.data(), head.bytes.size());
+        if (n <= 0) return;  // the engine is not reading: try again later
+        if (trace_) std::cout << "panel >> " << printable(head.bytes.substr(0, n)) << std::endl;
+        out_bytes_ -= static_cast<size_t>(n);
+        if (static_cast<size_t>(n) < head.bytes.size()) {
+            head.bytes.erase(0, static_cast<size_t>(n));
+            return;
+        }
+        out_.pop_front();
+    }
+}
+
+void PanelSim::read_master() {
+    char buf[1024];
+    ssize_t n = read(master_fd_, buf, sizeof buf);
+    if (n <= 0) return;
+    std::vector<std::string> bodies = reader_.feed(buf, static_cast<size_t>(n));
+    {
+        std::lock_guard<std::mutex> lock(in_mutex_);
+        raw_in_.append(buf, static_cast<size_t>(n));
+        for (const std::string& body : bodies) frames_.push_back({Clock::now(), body});
+    }
+    in_changed_.notify_all();
+    for (const std::string& body : bodies) {
+        if (trace_) std::cout << "panel << " << printable(body) << std::endl;
+        handle_frame(body);
+    }
+}
+
+void PanelSim::handle_frame(const std::string& body) {
+    if (body.size() < 5 || silent_) return;
+    char type = body[4];
+    std::string payload = body.substr(5);
+    if (type == 'A') return;  // the engine's receipt; a receipt for it would acknowledge the next block
+    if (type == 'B') {
+        handle_block(payload);
+        return;
+    }
+    queue_frame(sim_receipt());
+    if (type == 'F') handle_command(payload);
+}
+
+void PanelSim::handle_command(const std::string& text) {
+    PanelContent now = content();
+    if (text == "SF") {
+        send_telemetry();
+    } else if (starts_with(text, "CF-")) {
+        for (const std::string& payload : config_payloads(now)) queue_frame(sim_frame('F', payload));
+    } else if (text == "PL") {
+        for (const auto& [type, payload] : log_replies(now)) queue_frame(sim_frame(type, payload));
+    } else if (text == "MH") {
+        for (const std::string& payload : event_block_payloads(now)) queue_frame(sim_frame('B', payload));
+    }
+}
+
+// Firmware blocks: type 131/132 and number 0 begin a transfer, 3/4 carry the
+// rest, a block of only its two header bytes is the end mark.
+void PanelSim::handle_block(const std::string& payload) {
+    PanelContent now = content();
+    if (payload.size() >= 2 && static_cast<unsigned char>(payload[0]) == 0x82 && payload[1] == 0) {
+        if (!block_ack_) return;
+        queue_frame(now.reject_password ? sim_frame('A', "N3") : sim_receipt());
+        return;
+    }
+    if (!block_ack_) return;
+    queue_frame(sim_receipt());
+    if (payload.size() < 2) return;
+    auto kind = static_cast<unsigned char>(payload[0]);
+    if ((kind == 131 || kind == 132) && payload[1] == 0) firmware_target_ = kind == 132 ? 0 : 1;
+    if (payload.size() == 2 && firmware_target_ >= 0) {
+        std::string report = "UR" + std::to_string(firmware_target_) + "-" + now.firmware_result;
+        queue_frame(sim_frame('F', report));
+        firmware_target_ = -1;
+    }
+}
+
+// Line noise between frames: printable junk and a stray end byte. No start or
+// escape byte, so the noise cannot swallow or corrupt the frame after it.
+std::string PanelSim::garbage() {
+    std::string junk;
+    for (size_t i = 0; i < GARBAGE_LEN; ++i) junk += static_cast<char>(0x20 + rand_r(&garbage_seed_) % 0x5D);
+    junk += static_cast<char>(0x7F);
+    return junk;
+}
+
+void PanelSim::send_telemetry() { queue_frame(sim_frame('L', telemetry_payload(content()))); }
+
+void PanelSim::run() {
+    auto started = Clock::now();
+    auto next_telemetry = started;
+    while (running_) {
+        bool hang_due = options_.hangup_after_ms > 0 &&
+                        Clock::now() - started >= std::chrono::milliseconds(options_.hangup_after_ms);
+        if ((hangup_requested_ || hang_due) && !hung_up_) {
+            {
+                std::lock_guard<std::mutex> lock(out_mutex_);
+                close_master();
+            }
+            hung_up_ = true;
+        }
+        if (hung_up_) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(LOOP_WAIT_MS));
+            continue;
+        }
+
+        pollfd waiting{master_fd_, POLLIN, 0};
+        if (poll(&waiting, 1, LOOP_WAIT_MS) > 0 && (waiting.revents & POLLIN)) read_master();
+
+        int period = telemetry_ms_;
+        if (period > 0 && Clock::now() >= next_telemetry) {
+            next_telemetry = Clock::now() + std::chrono::milliseconds(period);
+            if (!silent_) {
+                send_telemetry();
+                if (garbage_) queue_bytes(garbage(), Clock::now());
+            }
+        }
+        flush_output();
+    }
+}

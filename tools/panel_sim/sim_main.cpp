@@ -1,0 +1,96 @@
+// vorpanel-sim: a Vorlane panel on a pseudo-terminal, for trying the engine without hardware.
+//
+// Output: the first line of standard output is the pty slave path (e.g.
+// "/dev/pts/3"), flushed at once; with --verbose every frame received
+// ("panel << ") and every chunk written ("panel >> ") follows, one per line.
+// Runs until SIGINT or SIGTERM; exit status 0, or 1 when no pty can be opened
+// or an option is not understood.
+#include <pthread.h>
+#include <signal.h>
+
+#include <cstdlib>
+#include <cstring>
+#include <iostream>
+#include <string>
+
+#include "panel_sim.h"
+
+namespace {
+
+const char* usage =
+    "Usage: vorpanel-sim [options]\n"
+    "Simulates a Vorlane panel on a pseudo-terminal. The first line of output is\n"
+    "the terminal's path; as root the link /dev/ttyUSB-SIM points to it as well.\n"
+    "  --no-link            do not create /dev/ttyUSB-SIM\n"
+    "  --telemetry-ms N     telemetry period in ms (default 1000; 0: only after SF)\n"
+    "  --silent             never answer, never send\n"
+    "  --no-block-ack       never acknowledge binary blocks\n"
+    "  --garbage            send junk bytes with every telemetry period\n"
+    "  --split              write every frame in two parts, 250 ms apart\n"
+    "  --hangup-after-ms N  close the terminal after N ms, as if unplugged\n"
+    "  --verbose            print every frame received and every chunk written\n"
+    "  --help               this text\n";
+
+bool read_number(const char* text, int& out) {
+    if (text == nullptr) return false;
+    char* end = nullptr;
+    long value = std::strtol(text, &end, 10);
+    if (end == text || *end != '\0' || value < 0 || value > 86400000) return false;
+    out = static_cast<int>(value);
+    return true;
+}
+
+// 1: run, 0: help shown, -1: bad option.
+int parse_options(int argc, char** argv, PanelSimOptions& options, bool& verbose) {
+    for (int i = 1; i < argc; ++i) {
+        std::string arg = argv[i];
+        const char* next = i + 1 < argc ? argv[i + 1] : nullptr;
+        if (arg == "--help") return 0;
+        if (arg == "--no-link") options.make_link = false;
+        else if (arg == "--silent") options.silent = true;
+        else if (arg == "--no-block-ack") options.block_ack = false;
+        else if (arg == "--garbage") options.garbage = true;
+        else if (arg == "--split") options.split = true;
+        else if (arg == "--verbose") verbose = true;
+        else if (arg == "--telemetry-ms" && read_number(next, options.telemetry_ms)) ++i;
+        else if (arg == "--hangup-after-ms" && read_number(next, options.hangup_after_ms)) ++i;
+        else {
+            std::cerr << "vorpanel-sim: bad option " << arg << "\n" << usage;
+            return -1;
+        }
+    }
+    return 1;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    PanelSimOptions options;
+    bool verbose = false;
+    int parsed = parse_options(argc, argv, options, verbose);
+    if (parsed == 0) {
+        std::cout << usage;
+        return 0;
+    }
+    if (parsed < 0) return 1;
+
+    // The panel thread inherits the blocked signals, so only sigwait below sees them.
+    sigset_t stop_signals;
+    sigemptyset(&stop_signals);
+    sigaddset(&stop_signals, SIGINT);
+    sigaddset(&stop_signals, SIGTERM);
+    pthread_sigmask(SIG_BLOCK, &stop_signals, nullptr);
+
+    PanelSim panel(options);
+    panel.set_trace(verbose);
+    if (!panel.start()) {
+        std::cerr << "vorpanel-sim: " << panel.error() << "\n";
+        return 1;
+    }
+    std::cout << panel.slave_path() << std::endl;
+
+    int signal_number = 0;
+    sigwait(&stop_signals, &signal_number);
+    panel.stop();
+    return 0;
+}
