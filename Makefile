@@ -1,0 +1,39 @@
+# Convenience wrapper around CMake: `make run` and `make test` are all a newcomer needs.
+BUILD ?= build
+GENERATOR := $(shell command -v ninja >/dev/null 2>&1 && echo "-G Ninja")
+
+.PHONY: all build run test test-asan test-tsan bench clean
+
+all: build
+
+build:
+	cmake -S . -B $(BUILD) $(GENERATOR) -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
+	cmake --build $(BUILD) -j2
+
+# Starts the panel simulator and the engine together and connects them.
+run: build
+	tools/demo.sh $(BUILD)
+
+# Builds everything and runs every test.
+test: build
+	cd $(BUILD) && ctest --output-on-failure
+
+# The whole suite under AddressSanitizer and UndefinedBehaviorSanitizer.
+test-asan:
+	cmake -S . -B $(BUILD)-asan $(GENERATOR) -DCMAKE_BUILD_TYPE=Debug -DVORCORE_ASAN=ON >/dev/null
+	cmake --build $(BUILD)-asan -j2
+	cd $(BUILD)-asan && ASAN_OPTIONS=detect_leaks=1 UBSAN_OPTIONS=print_stacktrace=1 ctest --output-on-failure
+
+# The threaded parts under ThreadSanitizer.
+test-tsan:
+	cmake -S . -B $(BUILD)-tsan $(GENERATOR) -DCMAKE_BUILD_TYPE=Debug -DVORCORE_TSAN=ON >/dev/null
+	cmake --build $(BUILD)-tsan -j2
+	cd $(BUILD)-tsan && TSAN_OPTIONS=halt_on_error=1 ctest --output-on-failure -L threaded
+
+bench:
+	cmake -S . -B $(BUILD)-bench $(GENERATOR) -DCMAKE_BUILD_TYPE=Release -DVORCORE_BENCH=ON -DVORCORE_TESTS=OFF >/dev/null
+	cmake --build $(BUILD)-bench -j2
+	for b in $(BUILD)-bench/*_bench; do $$b; done
+
+clean:
+	rm -rf $(BUILD) $(BUILD)-asan $(BUILD)-tsan $(BUILD)-bench
