@@ -21,7 +21,9 @@ bool load_test_cipher(benchmark::State& state) {
     return false;
 }
 
-void fixed_key(uint8_t key[32]) { build_pass_key("bench-password", key); }
+void fixed_key(uint8_t key[32]) {
+    build_pass_key("bench-password", key);
+}
 
 // Encrypting a buffer of n bytes: padding, chaining and n/8 block encryptions.
 void BM_EncryptGOST(benchmark::State& state) {

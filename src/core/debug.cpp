@@ -66,11 +66,17 @@ void console_raw(const std::string& text) {
     std::cout << text << std::flush;
 }
 
-void console_line(const std::string& text) { console_raw(text + "\n"); }
+void console_line(const std::string& text) {
+    console_raw(text + "\n");
+}
 
-void console_stamped(const std::string& text) { console_raw(time_stamp() + text + "\n"); }
+void console_stamped(const std::string& text) {
+    console_raw(time_stamp() + text + "\n");
+}
 
-void debug_msg::cout_time() { console_raw(time_stamp()); }
+void debug_msg::cout_time() {
+    console_raw(time_stamp());
+}
 
 void debug_msg::put(DM_TYPES, const char* text, const char* prefix) {
     // A null text would leave the console stream failed for good; print nothing instead.

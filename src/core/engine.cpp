@@ -74,20 +74,43 @@ std::string read_sudo_user() {
 std::string usage_text() {
     return "vorcore <key1> <key2> .. \n"
            " where keys:\n"
-           "ds1 - " + ds + "for src bytes\n"
-           "ds2 - " + ds + "for command and firmware\n"
-           "ds3 - " + ds + "for receipt\n"
-           "ds - " + ds + "for all\n"
+           "ds1 - " +
+           ds +
+           "for src bytes\n"
+           "ds2 - " +
+           ds +
+           "for command and firmware\n"
+           "ds3 - " +
+           ds +
+           "for receipt\n"
+           "ds - " +
+           ds +
+           "for all\n"
            "\n"
-           "dr1 - " + dr + "foor src bytes\n"
-           "dr2 - " + dr + "for telemetry\n"
-           "dr3 - " + dr + "for config, logs, events\n"
-           "dr4 - " + dr + "for receipt\n"
-           "dr - " + dr + "for all\n"
+           "dr1 - " +
+           dr +
+           "foor src bytes\n"
+           "dr2 - " +
+           dr +
+           "for telemetry\n"
+           "dr3 - " +
+           dr +
+           "for config, logs, events\n"
+           "dr4 - " +
+           dr +
+           "for receipt\n"
+           "dr - " +
+           dr +
+           "for all\n"
            "\n"
-           "dh1 - " + dh + "for sending bytes\n"
-           "dh1 - " + dh + "for received bytes\n"
-           "dh - " + dh + "for all\n";
+           "dh1 - " +
+           dh +
+           "for sending bytes\n"
+           "dh1 - " +
+           dh +
+           "for received bytes\n"
+           "dh - " +
+           dh + "for all\n";
 }
 
 bool apply_key(const std::string& key) {

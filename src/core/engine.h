@@ -13,9 +13,9 @@
 // The engine's version as shown by the banner and the version query.
 inline constexpr const char* engine_version = "5.2.22";
 
-extern DevParser parser;     // the device image
-extern Queue queue;          // outgoing command frames
-extern BBQueue bbqueue;      // outgoing binary blocks
+extern DevParser parser;       // the device image
+extern Queue queue;            // outgoing command frames
+extern BBQueue bbqueue;        // outgoing binary blocks
 extern std::string user_name;  // the sudo user, for starting the browser
 
 // Set to make both threads leave their loops.

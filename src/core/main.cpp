@@ -1,4 +1,6 @@
 // The vorcore program: the engine that configures a Vorlane panel from a browser.
 #include "core/engine.h"
 
-int main(int argc, char** argv) { return engine_main(argc, argv); }
+int main(int argc, char** argv) {
+    return engine_main(argc, argv);
+}

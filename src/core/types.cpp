@@ -62,21 +62,16 @@ const std::vector<K_Image_Device> g_K_Image_Device = {
     {"129", "MD43", 0, {0, 0, 0, 0, 0, 0, 0, 0}},
 };
 
-std::string get_from_vc(std::string& code)
-{
+std::string get_from_vc(std::string& code) {
     for (const K_Image_Device& row : g_K_Image_Device)
-        if (row.code == code)
-            return row.model;
+        if (row.code == code) return row.model;
     return "";
 }
 
 // Several rows share a stamp; the first one names the family.
-std::string get_from_stamp(long stamp)
-{
-    if (stamp == 0)
-        return "";
+std::string get_from_stamp(long stamp) {
+    if (stamp == 0) return "";
     for (const K_Image_Device& row : g_K_Image_Device)
-        if (row.stamp == stamp)
-            return row.model;
+        if (row.stamp == stamp) return row.model;
     return "";
 }

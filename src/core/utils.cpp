@@ -7,17 +7,13 @@
 #include <iterator>
 #include <sstream>
 
-std::string int_to_string(int v)
-{
+std::string int_to_string(int v) {
     return std::to_string(v);
 }
 
-void csprintf(char* /*buf*/, int /*size*/, const char* /*fmt*/, ...)
-{
-}
+void csprintf(char* /*buf*/, int /*size*/, const char* /*fmt*/, ...) {}
 
-std::string format_to_str(const char* fmt, ...)
-{
+std::string format_to_str(const char* fmt, ...) {
     va_list args;
     va_start(args, fmt);
     va_list measure;
@@ -36,73 +32,59 @@ std::string format_to_str(const char* fmt, ...)
     return result;
 }
 
-bool read_file(const char* path, std::string& out)
-{
+bool read_file(const char* path, std::string& out) {
     std::ifstream file(path, std::ios::in | std::ios::binary);
-    if (!file.is_open())
-        return false;
+    if (!file.is_open()) return false;
     out.append(std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>());
     return true;
 }
 
-bool write_file(const char* path, std::string& data)
-{
+bool write_file(const char* path, std::string& data) {
     std::ofstream file(path, std::ios::out | std::ios::binary | std::ios::trunc);
-    if (!file.is_open())
-        return false;
+    if (!file.is_open()) return false;
     file.write(data.data(), static_cast<std::streamsize>(data.size()));
     // A full drive must not pass for a saved file: the caller reports it.
     file.close();
     return !file.fail();
 }
 
-std::string get_parameter(std::string& text, std::string& begin, std::string& end)
-{
+std::string get_parameter(std::string& text, std::string& begin, std::string& end) {
     size_t found = text.find(begin);
-    if (found == std::string::npos)
-        return "";
+    if (found == std::string::npos) return "";
     std::string rest = text.substr(found + begin.size());
     size_t cut = rest.find(end);
-    if (cut == std::string::npos)
-        return rest;
+    if (cut == std::string::npos) return rest;
     return rest.substr(0, cut);
 }
 
 // A stray '}' drives the depth negative; what follows is then collected until
 // '{' brings it back to zero, and ends up in front of the next group.
-void split_curly_brackets(const std::string& text, std::vector<std::string>& out)
-{
+void split_curly_brackets(const std::string& text, std::vector<std::string>& out) {
     int depth = 0;
     std::string group;
     for (char c : text) {
         if (c == '{') {
             ++depth;
-            if (depth == 1)
-                continue;
+            if (depth == 1) continue;
         } else if (c == '}') {
             --depth;
             if (depth == 0) {
-                if (!group.empty())
-                    out.push_back(group);
+                if (!group.empty()) out.push_back(group);
                 group.clear();
                 continue;
             }
         }
-        if (depth != 0)
-            group += c;
+        if (depth != 0) group += c;
     }
 }
 
-void split(const std::string& text, char delim, std::vector<std::string>& out)
-{
+void split(const std::string& text, char delim, std::vector<std::string>& out) {
     std::istringstream stream(text);
     std::string piece;
-    while (std::getline(stream, piece, delim))
-        out.push_back(piece);
+    while (std::getline(stream, piece, delim)) out.push_back(piece);
 }
 
-void split2(const std::string& text, char delim, std::vector<std::string>& out)
-{
+void split2(const std::string& text, char delim, std::vector<std::string>& out) {
     size_t start = 0;
     size_t found;
     while ((found = text.find(delim, start)) != std::string::npos) {
@@ -112,8 +94,7 @@ void split2(const std::string& text, char delim, std::vector<std::string>& out)
     out.push_back(text.substr(start));
 }
 
-void split3(const std::string& text, const std::string& delim, std::vector<std::string>& out)
-{
+void split3(const std::string& text, const std::string& delim, std::vector<std::string>& out) {
     // An empty delimiter would match everywhere without advancing.
     if (delim.empty()) {
         out.push_back(text);

@@ -16,7 +16,9 @@ uint8_t cry_256_position_withoutRand = 0;
 // Set only after a whole file has been checked, so a half-parsed file never reaches the cipher.
 static std::atomic<bool> cipher_loaded{false};
 
-bool cipher_ready() { return cipher_loaded.load(std::memory_order_acquire); }
+bool cipher_ready() {
+    return cipher_loaded.load(std::memory_order_acquire);
+}
 
 // ---------------------------------------------------------------- cipher file
 
@@ -48,7 +50,9 @@ std::string trim(const std::string& s) {
     return s.substr(first, last - first + 1);
 }
 
-std::string line_prefix(int line_no) { return "line " + std::to_string(line_no) + ": "; }
+std::string line_prefix(int line_no) {
+    return "line " + std::to_string(line_no) + ": ";
+}
 
 // Index of the first non-hex character, or npos when all are hex digits.
 size_t first_non_hex(const std::string& s) {
@@ -174,7 +178,8 @@ bool load_cipher_file(const char* path, std::string& error) {
     errno = 0;
     std::ifstream file(path, std::ios::binary);
     if (!file) {
-        error = std::string("cannot open ") + path + (errno ? std::string(" (") + std::strerror(errno) + ")" : "");
+        error = std::string("cannot open ") + path +
+                (errno ? std::string(" (") + std::strerror(errno) + ")" : "");
         return false;
     }
     std::string text;
@@ -255,8 +260,12 @@ void decrypt_block(uint8_t block[8], const uint32_t k[8]) {
     store_swapped(block, state);
 }
 
-uint8_t rotl8(uint8_t v) { return static_cast<uint8_t>(v << 1 | v >> 7); }
-uint8_t rotr8(uint8_t v) { return static_cast<uint8_t>(v >> 1 | v << 7); }
+uint8_t rotl8(uint8_t v) {
+    return static_cast<uint8_t>(v << 1 | v >> 7);
+}
+uint8_t rotr8(uint8_t v) {
+    return static_cast<uint8_t>(v >> 1 | v << 7);
+}
 
 }  // namespace
 
@@ -279,7 +288,9 @@ void gost_decrypt_block(uint8_t block[8], const uint8_t key[32]) {
     decrypt_block(block, k);
 }
 
-void CRY_256_RESET_WITHOUT_RAND() { cry_256_position_withoutRand = 0; }
+void CRY_256_RESET_WITHOUT_RAND() {
+    cry_256_position_withoutRand = 0;
+}
 
 // ---------------------------------------------------------------- padding, chaining, blocks
 
@@ -319,7 +330,8 @@ int CRY_256_CRYPTO_WITHOUT_RAND(uint8_t* buf, int n, const uint8_t* /*key*/) {
 }
 
 uint8_t* CRY_256_ENCRYPTO(uint8_t* buf, int len, int* out_len, uint8_t* flag, const uint8_t* key) {
-    if (!cipher_ready() || buf == nullptr || key == nullptr || out_len == nullptr || flag == nullptr) return nullptr;
+    if (!cipher_ready() || buf == nullptr || key == nullptr || out_len == nullptr || flag == nullptr)
+        return nullptr;
     // Only whole cipher blocks can be deciphered; a ragged tail means the data is not ours.
     if (len <= 0 || len % 8 != 0) return nullptr;
 
@@ -343,7 +355,8 @@ int DecryptGOST(uint8_t* buf, int len, const uint8_t* key, std::vector<uint8_t>&
     const int m = plain_len - 1;  // without the trailer byte
     if (m < 3) return 0;
     const uint16_t crc = CryptoKey::CRC16(plain, m - 2);
-    if (plain[m - 2] != static_cast<uint8_t>(crc & 0xFF) || plain[m - 1] != static_cast<uint8_t>(crc >> 8)) return 0;
+    if (plain[m - 2] != static_cast<uint8_t>(crc & 0xFF) || plain[m - 1] != static_cast<uint8_t>(crc >> 8))
+        return 0;
     out.assign(plain, plain + (m - 2));
     return m;
 }

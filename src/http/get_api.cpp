@@ -23,13 +23,11 @@ const std::string static_root = "js";
 
 using BodyBuilder = void (*)(std::stringstream&, const std::string&);
 
-bool contains(const std::string& text, const std::string& part)
-{
+bool contains(const std::string& text, const std::string& part) {
     return text.find(part) != std::string::npos;
 }
 
-int hex_value(char c)
-{
+int hex_value(char c) {
     if (c >= '0' && c <= '9') return c - '0';
     if (c >= 'a' && c <= 'f') return c - 'a' + 10;
     if (c >= 'A' && c <= 'F') return c - 'A' + 10;
@@ -37,8 +35,7 @@ int hex_value(char c)
 }
 
 // Undoes "%XX" escapes so that an encoded dot or slash cannot hide a ".." segment.
-std::string percent_decoded(const std::string& text)
-{
+std::string percent_decoded(const std::string& text) {
     std::string out;
     for (size_t i = 0; i < text.size(); ++i) {
         if (text[i] == '%' && i + 2 < text.size()) {
@@ -56,8 +53,7 @@ std::string percent_decoded(const std::string& text)
 }
 
 // True when the text, read as a path, has a ".." segment (plain or escaped).
-bool has_parent_segment(const std::string& path)
-{
+bool has_parent_segment(const std::string& path) {
     std::string decoded = percent_decoded(path);
     size_t start = 0;
     while (start <= decoded.size()) {
@@ -71,28 +67,24 @@ bool has_parent_segment(const std::string& path)
 
 // The engine runs as root: a static target may only name a file below "js".
 // A target without the leading "/" would escape by concatenation ("js" + "on/x").
-bool is_safe_static_target(const std::string& target)
-{
+bool is_safe_static_target(const std::string& target) {
     return !target.empty() && target[0] == '/' && !has_parent_segment(target);
 }
 
-void answer_unknown_query(const std::string& target, std::stringstream& answer)
-{
+void answer_unknown_query(const std::string& target, std::stringstream& answer) {
     json.put(DM_IN_SRC, ("GET UNKNOWN QUERY: " + target).c_str(), nullptr);
     set_error(answer);
 }
 
 // A file that cannot be read leaves the answer empty: the browser gets no bytes at all.
-void answer_file(const std::string& path, BodyBuilder build, std::stringstream& answer)
-{
+void answer_file(const std::string& path, BodyBuilder build, std::stringstream& answer) {
     std::string body;
     if (!read_file(path.c_str(), body)) return;
     build(answer, body);
 }
 
 // The builder of the first extension the target contains, in the fixed order .css .js .png .ico .svg.
-BodyBuilder static_builder(const std::string& target)
-{
+BodyBuilder static_builder(const std::string& target) {
     static const struct {
         const char* extension;
         BodyBuilder build;
@@ -107,8 +99,7 @@ BodyBuilder static_builder(const std::string& target)
 }
 
 // "getlog&record=<first>&...=<count>": false when no "&" follows "record=".
-bool answer_log_page(const std::string& target, std::stringstream& answer)
-{
+bool answer_log_page(const std::string& target, std::stringstream& answer) {
     const std::string key = api_prefix + "getlog&record=";
     size_t found = target.find(key);
     if (found == std::string::npos) return false;
@@ -125,8 +116,7 @@ bool answer_log_page(const std::string& target, std::stringstream& answer)
     return true;
 }
 
-void answer_config_state(const std::string& target, std::stringstream& answer)
-{
+void answer_config_state(const std::string& target, std::stringstream& answer) {
     std::string mask = target.substr(target.rfind('=') + 1);
     std::string out;
     if (mask.empty())
@@ -137,8 +127,7 @@ void answer_config_state(const std::string& target, std::stringstream& answer)
 }
 
 // Rules of the JSON API; false when none of them matches the target.
-bool answer_api_query(std::string& target, std::stringstream& answer)
-{
+bool answer_api_query(std::string& target, std::stringstream& answer) {
     std::string out;
     if (target == api_prefix + "statusdevice") {
         if (parser.get_status() == 1) parser.status_dev.get_ports();
@@ -180,8 +169,7 @@ bool answer_api_query(std::string& target, std::stringstream& answer)
 }
 
 // Rules of the user-interface files, the exit query and the unknown query.
-void answer_other_query(std::string& target, std::stringstream& answer)
-{
+void answer_other_query(std::string& target, std::stringstream& answer) {
     if (target == "/" || target == "/index.html") {
         answer_file(static_root + "/index.html", set_response_html, answer);
         return;
@@ -210,29 +198,25 @@ void answer_other_query(std::string& target, std::stringstream& answer)
 
 // The value of a key such as "&speed=": the text after its last occurrence up
 // to the end of the target. False when the key is absent.
-bool get_param(const std::string& target, const std::string& key, std::string& value)
-{
+bool get_param(const std::string& target, const std::string& key, std::string& value) {
     size_t found = target.rfind(key);
     if (found == std::string::npos) return false;
     value = target.substr(found + key.size());
     return true;
 }
 
-void send_frame(char* frame, size_t len)
-{
+void send_frame(char* frame, size_t len) {
     queue.cmd_to_dev(frame, len);
 }
 
 // Both threads write the transfer counters; the device thread holds http_mutex for its updates.
-void reset_counter(int& counter)
-{
+void reset_counter(int& counter) {
     MutexLock lock(http_mutex);
     counter = 0;
 }
 
 // Keeps a file name fit for the Content-disposition header line.
-std::string header_safe_file_name(const std::string& name)
-{
+std::string header_safe_file_name(const std::string& name) {
     std::string out;
     for (char c : name) {
         unsigned char byte = static_cast<unsigned char>(c);
@@ -243,15 +227,13 @@ std::string header_safe_file_name(const std::string& name)
 }
 
 // Commands 84 and 92 take the download name from "&file=", else a fixed default.
-std::string download_file_name(const std::string& target, const char* fallback)
-{
+std::string download_file_name(const std::string& target, const char* fallback) {
     std::string name;
     if (get_param(target, "&file=", name)) name = header_safe_file_name(name);
     return name.empty() ? fallback : name;
 }
 
-std::string cmd_load_model_file(const std::string& target)
-{
+std::string cmd_load_model_file(const std::string& target) {
     std::string model;
     if (!get_param(target, "&devtype=", model)) return json_error;
     std::string path = "devs/" + model + ".ini";
@@ -266,8 +248,7 @@ std::string cmd_load_model_file(const std::string& target)
     return json_ok;
 }
 
-std::string cmd_save_to_drive(const std::string& target)
-{
+std::string cmd_save_to_drive(const std::string& target) {
     std::string drive;
     if (!get_param(target, "&drive=", drive)) return json_error;
     std::string mount = txt_to_utf8_proc(drive);
@@ -287,8 +268,7 @@ std::string cmd_save_to_drive(const std::string& target)
     return json_error;
 }
 
-std::string cmd_connect(const std::string& target)
-{
+std::string cmd_connect(const std::string& target) {
     std::string port;
     if (!get_param(target, "&com=", port)) {
         close_dev();
@@ -309,20 +289,19 @@ std::string cmd_connect(const std::string& target)
     return json_ok;
 }
 
-std::string cut_at_continue(const std::string& value)
-{
+std::string cut_at_continue(const std::string& value) {
     return value.substr(0, value.find("&continue"));
 }
 
 // Status 11: the password opens the uploaded ".cry" file.
-std::string cmd_open_cry_file(const std::string& target)
-{
+std::string cmd_open_cry_file(const std::string& target) {
     std::string value;
     if (!get_param(target, "&pass=", value)) return json_error;
     std::string password = cut_at_continue(value);
     std::string text;
     if (!decrypt_cry(cry_file_content, password, text)) {
-        if (!cipher_ready()) console_stamped("cmd 12: the CRY-file cannot be decrypted: no cipher table loaded");
+        if (!cipher_ready())
+            console_stamped("cmd 12: the CRY-file cannot be decrypted: no cipher table loaded");
         return json_error;
     }
     parser.file_to_cfg(text);
@@ -331,8 +310,7 @@ std::string cmd_open_cry_file(const std::string& target)
 }
 
 // The panel's access password: sent once, then polled with "&continue".
-std::string cmd_access_password(const std::string& target)
-{
+std::string cmd_access_password(const std::string& target) {
     if (!contains(target, "&continue")) {
         std::string value;
         if (!get_param(target, "&pass=", value)) return json_error;
@@ -349,14 +327,12 @@ std::string cmd_access_password(const std::string& target)
     return json_continue;
 }
 
-std::string cmd_password(const std::string& target)
-{
+std::string cmd_password(const std::string& target) {
     if (parser.get_status() == 11) return cmd_open_cry_file(target);
     return cmd_access_password(target);
 }
 
-std::string cmd_set_panel_password(const std::string& target)
-{
+std::string cmd_set_panel_password(const std::string& target) {
     std::string pass;
     if (!get_param(target, "&pass=", pass) || pass.size() != 6) return json_error;
     std::string frame = "~0018FPS-      \r\nec";
@@ -367,15 +343,13 @@ std::string cmd_set_panel_password(const std::string& target)
 }
 
 // Commands 21 and 22 restart the panel: its next plain receipt closes the link.
-std::string cmd_restart(char* frame, size_t len)
-{
+std::string cmd_restart(char* frame, size_t len) {
     send_re = true;
     send_frame(frame, len);
     return json_ok;
 }
 
-std::string cmd_write_config()
-{
+std::string cmd_write_config() {
     if (dev_no_valid()) return json_error;
     parser.set_status(5);
     reset_counter(parser.cfg_count);
@@ -384,8 +358,7 @@ std::string cmd_write_config()
     return json_ok;
 }
 
-std::string cmd_read_config()
-{
+std::string cmd_read_config() {
     if (dev_no_valid()) return json_error;
     parser.clear();
     parser.set_status(4);
@@ -394,8 +367,7 @@ std::string cmd_read_config()
     return json_ok;
 }
 
-std::string cmd_speed(const std::string& target)
-{
+std::string cmd_speed(const std::string& target) {
     std::string speed;
     if (!get_param(target, "&speed=", speed) || speed.empty()) return json_error;
     cmd_ep[9] = speed[0];
@@ -414,13 +386,18 @@ struct ValueFrames {
 };
 
 // Built on use: the frame lengths live in another unit, so no static initialisation order is assumed.
-ValueFrames ef_frames() { return {cmd_efx, cmd_efx_len, cmd_efxx, cmd_efxx_len, 8, cmd_er, cmd_er_len}; }
-ValueFrames ea_frames() { return {cmd_eax, cmd_eax_len, cmd_eaxx, cmd_eaxx_len, 8, cmd_er, cmd_er_len}; }
-ValueFrames xxpg_frames() { return {xxpgN_1, xxpgN_1_len, xxpgNN_1, xxpgNN_1_len, 10, nullptr, 0}; }
+ValueFrames ef_frames() {
+    return {cmd_efx, cmd_efx_len, cmd_efxx, cmd_efxx_len, 8, cmd_er, cmd_er_len};
+}
+ValueFrames ea_frames() {
+    return {cmd_eax, cmd_eax_len, cmd_eaxx, cmd_eaxx_len, 8, cmd_er, cmd_er_len};
+}
+ValueFrames xxpg_frames() {
+    return {xxpgN_1, xxpgN_1_len, xxpgNN_1, xxpgNN_1_len, 10, nullptr, 0};
+}
 
 // Commands whose frame depends on a value of one or two characters.
-std::string cmd_with_short_value(const std::string& target, const char* key, const ValueFrames& frames)
-{
+std::string cmd_with_short_value(const std::string& target, const char* key, const ValueFrames& frames) {
     std::string value;
     if (!get_param(target, key, value)) return json_error;
     if (value.empty() && frames.none) {
@@ -442,8 +419,8 @@ std::string cmd_with_short_value(const std::string& target, const char* key, con
 }
 
 // Commands that take exactly one character into one placeholder.
-std::string cmd_with_one_char(const std::string& target, const char* key, char* frame, size_t len, size_t at)
-{
+std::string cmd_with_one_char(const std::string& target, const char* key, char* frame, size_t len,
+                              size_t at) {
     std::string value;
     if (!get_param(target, key, value) || value.size() != 1) return json_error;
     frame[at] = value[0];
@@ -451,8 +428,7 @@ std::string cmd_with_one_char(const std::string& target, const char* key, char* 
     return json_ok;
 }
 
-std::string cmd_read_logs()
-{
+std::string cmd_read_logs() {
     send_frame(cmd_pl, cmd_pl_len);
     parser.clear_logs();
     parser.set_status(6);
@@ -461,16 +437,14 @@ std::string cmd_read_logs()
     return json_ok;
 }
 
-std::string cmd_log_state()
-{
+std::string cmd_log_state() {
     send_frame(cmd_ls, cmd_ls_len);
     parser.set_status(3);
     parser.set_ready_text(&StatusDevice::rlog, "0");
     return json_ok;
 }
 
-std::string cmd_read_events()
-{
+std::string cmd_read_events() {
     send_frame(cmd_mh, cmd_mh_len);
     parser.set_status(7);
     parser.set_ready_text(&StatusDevice::rmsg, "1");
@@ -478,8 +452,7 @@ std::string cmd_read_events()
 }
 
 // Free text command, sent verbatim: no length limit and no stuffing.
-std::string cmd_free_text(const std::string& target)
-{
+std::string cmd_free_text(const std::string& target) {
     std::string text;
     if (!get_param(target, "&text=", text)) return json_error;
     std::string length = format_to_str("%04d", static_cast<int>(text.size() + 5));
@@ -493,59 +466,84 @@ std::string cmd_free_text(const std::string& target)
     return json_ok;
 }
 
-std::string queue_and_ok(char* frame, size_t len)
-{
+std::string queue_and_ok(char* frame, size_t len) {
     send_frame(frame, len);
     return json_ok;
 }
 
 // The answer text of every command that answers with JSON.
-std::string run_json_command(int n, const std::string& target)
-{
+std::string run_json_command(int n, const std::string& target) {
     switch (n) {
-    case 1: return cmd_load_model_file(target);
-    case 5: return cmd_save_to_drive(target);
-    case 11: return cmd_connect(target);
-    case 12: return cmd_password(target);
-    case 13: return queue_and_ok(cmd_ul_2, cmd_ul_2_len);
-    case 14: return queue_and_ok(cmd_ul_1, cmd_ul_1_len);
-    case 21: return cmd_restart(cmd_re, cmd_re_len);
-    case 22: return cmd_restart(cmd_fr, cmd_fr_len);
-    case 23: return cmd_set_panel_password(target);
-    case 31: return cmd_write_config();
-    case 32: return cmd_read_config();
-    case 41: return cmd_speed(target);
-    case 42: return queue_and_ok(cmd_ad, cmd_ad_len);
-    case 43: return cmd_with_short_value(target, "&ext=", ef_frames());
-    case 44: return cmd_with_short_value(target, "&ext=", ea_frames());
-    case 45: return cmd_with_short_value(target, "&radio=", xxpg_frames());
-    case 46: return queue_and_ok(xxpg1_0, xxpg1_0_len);
-    case 51: return cmd_with_one_char(target, "&ok=", kkN_1, kkN_1_len, 8);
-    case 52: return cmd_with_one_char(target, "&ok=", kkN_0, kkN_0_len, 8);
-    case 61: return cmd_with_one_char(target, "&zona=", ss1_x, ss1_x_len, 10);
-    case 62: return cmd_with_one_char(target, "&zona=", ss2_x, ss2_x_len, 10);
-    case 63: return cmd_with_one_char(target, "&part=", kt_N, kt_N_len, 9);
-    case 72:
-    case 74: return json_ok;
-    case 81: return cmd_read_logs();
-    case 82: return cmd_log_state();
-    case 83: return queue_and_ok(cmd_dl, cmd_dl_len);
-    case 91: return cmd_read_events();
-    case 100: return cmd_free_text(target);
-    default: return json_error;
+        case 1:
+            return cmd_load_model_file(target);
+        case 5:
+            return cmd_save_to_drive(target);
+        case 11:
+            return cmd_connect(target);
+        case 12:
+            return cmd_password(target);
+        case 13:
+            return queue_and_ok(cmd_ul_2, cmd_ul_2_len);
+        case 14:
+            return queue_and_ok(cmd_ul_1, cmd_ul_1_len);
+        case 21:
+            return cmd_restart(cmd_re, cmd_re_len);
+        case 22:
+            return cmd_restart(cmd_fr, cmd_fr_len);
+        case 23:
+            return cmd_set_panel_password(target);
+        case 31:
+            return cmd_write_config();
+        case 32:
+            return cmd_read_config();
+        case 41:
+            return cmd_speed(target);
+        case 42:
+            return queue_and_ok(cmd_ad, cmd_ad_len);
+        case 43:
+            return cmd_with_short_value(target, "&ext=", ef_frames());
+        case 44:
+            return cmd_with_short_value(target, "&ext=", ea_frames());
+        case 45:
+            return cmd_with_short_value(target, "&radio=", xxpg_frames());
+        case 46:
+            return queue_and_ok(xxpg1_0, xxpg1_0_len);
+        case 51:
+            return cmd_with_one_char(target, "&ok=", kkN_1, kkN_1_len, 8);
+        case 52:
+            return cmd_with_one_char(target, "&ok=", kkN_0, kkN_0_len, 8);
+        case 61:
+            return cmd_with_one_char(target, "&zona=", ss1_x, ss1_x_len, 10);
+        case 62:
+            return cmd_with_one_char(target, "&zona=", ss2_x, ss2_x_len, 10);
+        case 63:
+            return cmd_with_one_char(target, "&part=", kt_N, kt_N_len, 9);
+        case 72:
+        case 74:
+            return json_ok;
+        case 81:
+            return cmd_read_logs();
+        case 82:
+            return cmd_log_state();
+        case 83:
+            return queue_and_ok(cmd_dl, cmd_dl_len);
+        case 91:
+            return cmd_read_events();
+        case 100:
+            return cmd_free_text(target);
+        default:
+            return json_error;
     }
 }
 
 }  // namespace
 
-void parse_get_query(std::string& target, std::stringstream& answer)
-{
+void parse_get_query(std::string& target, std::stringstream& answer) {
     if (answer_api_query(target, answer)) return;
     answer_other_query(target, answer);
 }
 
-void run_command(int n, std::string& target, std::stringstream& answer)
-{
+void run_command(int n, std::string& target, std::stringstream& answer) {
     if (n == 84) {
         std::string text;
         parser.dev_log_to_file(text);

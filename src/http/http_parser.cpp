@@ -134,7 +134,8 @@ void set_response_cfg_file(std::stringstream& answer, const std::string& body) {
                  body);
 }
 
-void set_response_events_file(std::stringstream& answer, const std::string& body, const std::string& file_name) {
+void set_response_events_file(std::stringstream& answer, const std::string& body,
+                              const std::string& file_name) {
     write_answer(answer,
                  "Content-Type: text/plain; charset=UTF-8\r\n"
                  "Content-disposition: attachment; filename=" +
@@ -145,7 +146,8 @@ void set_response_events_file(std::stringstream& answer, const std::string& body
 }
 
 void set_error(std::stringstream& answer) {
-    answer << "HTTP/1.1 404 Not Found\r\n" << "Connection: close\r\n\r\n";
+    answer << "HTTP/1.1 404 Not Found\r\n"
+           << "Connection: close\r\n\r\n";
 }
 
 void set_OK(std::stringstream& answer) {
@@ -243,7 +245,8 @@ static std::string refusal_reason(const std::vector<std::string>& lines, int hea
         std::string value = trimmed(lines[i].substr(colon + 1));
         if (name == "host" && !is_local_authority(value)) return "foreign Host: " + printable(value);
         if (name == "origin" && !is_local_origin(value)) return "foreign Origin: " + printable(value);
-        if (name == "sec-fetch-site" && lower_case(value) == "cross-site") return "Sec-Fetch-Site: cross-site";
+        if (name == "sec-fetch-site" && lower_case(value) == "cross-site")
+            return "Sec-Fetch-Site: cross-site";
     }
     return {};
 }
@@ -268,7 +271,8 @@ static int accept_post_body(char* buf, int len, const std::vector<std::string>& 
                             const std::string& target, std::stringstream& answer, parsing_result& result) {
     result.query = target;
     for (const std::string& line : lines) {
-        if (line.find("Content-Length:") != std::string::npos) result.content_length = content_length_of(line);
+        if (line.find("Content-Length:") != std::string::npos)
+            result.content_length = content_length_of(line);
         if (line.find("Content-Type:") != std::string::npos) result.content_type = line.substr(13);
     }
     fill_content(result, buf, len, header_len);

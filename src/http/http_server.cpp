@@ -34,7 +34,9 @@ static const int body_wait_ms = 1000;
 
 static std::atomic<int> bound_port{0};
 
-int http_server_port() { return bound_port.load(); }
+int http_server_port() {
+    return bound_port.load();
+}
 
 namespace {
 
@@ -118,7 +120,8 @@ int bind_first_free_port(int fd) {
 // closed: the browser outlives the engine, and closing would wait for it.
 void launch_browser(int port) {
     static std::vector<FILE*> browsers;
-    std::string command = format_to_str("su %s -c \"x-www-browser http://localhost:%d\"", user_name.c_str(), port);
+    std::string command =
+        format_to_str("su %s -c \"x-www-browser http://localhost:%d\"", user_name.c_str(), port);
     console_line(command);
     FILE* pipe = popen(command.c_str(), "r");
     if (pipe != nullptr) browsers.push_back(pipe);

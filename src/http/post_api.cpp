@@ -1,4 +1,5 @@
-// The POST API: configuration, ".cry" and firmware uploads, processed after their connection has been answered.
+// The POST API: configuration, ".cry" and firmware uploads, processed after their connection has been
+// answered.
 #include "http/post_api.h"
 
 #include <cstddef>
@@ -16,29 +17,25 @@ const std::string configset_target = "/tuning/device?id=-1&configset";
 constexpr size_t cry_header_tail = 22;
 constexpr size_t cry_block = 8;
 
-bool is_line_end(char c)
-{
+bool is_line_end(char c) {
     return c == '\r' || c == '\n';
 }
 
-void load_firmware(int target, parsing_result& result)
-{
+void load_firmware(int target, parsing_result& result) {
     if (result.content.empty()) return;
     std::vector<char> bytes;
     str_to_bin(result.content, bytes);
     parser.firmware_to_dev(target, bytes);
 }
 
-void load_config_file(std::vector<char>& bytes)
-{
+void load_config_file(std::vector<char>& bytes) {
     std::string text(bytes.begin(), bytes.end());
     parser.file_to_cfg(text);
     parser.set_status_10();
 }
 
 // Keeps the encrypted payload until the user types the file's password (GET command 12).
-void store_cry_file(std::vector<char>& bytes)
-{
+void store_cry_file(std::vector<char>& bytes) {
     size_t header = static_cast<size_t>(get_cry_header_len(bytes));
     if (header == 0 || (bytes.size() - header) % cry_block != 0) {
         console_stamped("Wrong format CRY-file");
@@ -50,8 +47,7 @@ void store_cry_file(std::vector<char>& bytes)
 
 }  // namespace
 
-void parse_post_query(parsing_result& result)
-{
+void parse_post_query(parsing_result& result) {
     const std::string& target = result.query;
     if (target == configset_target) {
         if (!result.content.empty()) parser.json_to_cfg(result.content);
@@ -77,8 +73,7 @@ void parse_post_query(parsing_result& result)
         store_cry_file(bytes);
 }
 
-int get_cry_header_len(std::vector<char>& file)
-{
+int get_cry_header_len(std::vector<char>& file) {
     if (file.empty()) return 0;
     size_t i = 0;
     while (i < file.size() && !is_line_end(file[i])) ++i;
@@ -87,8 +82,7 @@ int get_cry_header_len(std::vector<char>& file)
     return header <= file.size() ? static_cast<int>(header) : 0;
 }
 
-bool decrypt_cry(std::vector<char>& data, std::string& key, std::string& out)
-{
+bool decrypt_cry(std::vector<char>& data, std::string& key, std::string& out) {
     // An empty key text would leave the key bytes undefined.
     if (data.empty() || key.empty()) return false;
     uint8_t key_bytes[32];

@@ -38,7 +38,9 @@ static constexpr useconds_t STTY_SETTLE_US = 2000000;
 static constexpr int READ_WAIT_MS = 100;
 static constexpr useconds_t CYCLE_US = 100000;
 
-static bool channel_on(bool kind_switch) { return debug_mode && kind_switch; }
+static bool channel_on(bool kind_switch) {
+    return debug_mode && kind_switch;
+}
 
 static void dump(DM_TYPES type, const void* bytes, size_t len, const char* title) {
     pk7.put_bytes(type, static_cast<char*>(const_cast<void*>(bytes)), len, title, 0);
@@ -71,9 +73,9 @@ int dev_destroy() {
 static bool plain_device_path(const std::string& path) {
     if (path.empty() || path[0] == '-') return false;
     for (unsigned char c : path) {
-        bool ok = (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') ||
-                  c == '/' || c == '.' || c == '_' || c == '-' || c == '+' || c == ':' || c == '@' ||
-                  c == ',' || c == '=';
+        bool ok = (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '/' ||
+                  c == '.' || c == '_' || c == '-' || c == '+' || c == ':' || c == '@' || c == ',' ||
+                  c == '=';
         if (!ok) return false;
     }
     return true;
@@ -146,9 +148,13 @@ void close_dev() {
     if (fd != 0) console_line("Close device ");
 }
 
-bool is_open() { return USB != 0; }
+bool is_open() {
+    return USB != 0;
+}
 
-bool dev_no_valid() { return USB == 0; }
+bool dev_no_valid() {
+    return USB == 0;
+}
 
 bool write_dev(void* buf, size_t len) {
     ssize_t written = 0;
@@ -204,9 +210,13 @@ int read_dev(unsigned char* buf, size_t* len) {
     return 0;
 }
 
-void SetReadCount() { no_read_ms = monotonic_ms(); }
+void SetReadCount() {
+    no_read_ms = monotonic_ms();
+}
 
-uint64_t GetReadCount() { return monotonic_ms() - no_read_ms; }
+uint64_t GetReadCount() {
+    return monotonic_ms() - no_read_ms;
+}
 
 // ---- Exchange state machine ------------------------------------------------
 
@@ -345,8 +355,7 @@ static void write_restart() {
 }
 
 // Sends a negative receipt the dispatcher asked for; false when none was asked.
-static bool write_negative_receipt(std::atomic<bool>& request, char* frame, size_t len,
-                                   const char* error) {
+static bool write_negative_receipt(std::atomic<bool>& request, char* frame, size_t len, const char* error) {
     if (!request) return false;
     if (!write_dev(frame, len)) {
         console_line(error);

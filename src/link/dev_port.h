@@ -33,16 +33,16 @@ uint64_t GetReadCount();
 
 // ---- Exchange state machine ------------------------------------------------
 
-extern std::atomic<bool> need_sf;          // write cmd_sf before anything else
-extern std::atomic<int> send_sf_cnt;       // restarts since the last data received
-extern std::atomic<bool> write_sf_error;   // last cmd_sf write failed
-extern std::atomic<bool> dev_busy;         // a frame is out, no receipt yet
-extern std::atomic<int> dev_busy_cnt;      // cycles spent waiting while busy
-extern std::atomic<bool> wait_receipt_OK;  // last block not yet acknowledged
-extern bool form_enable;                   // reader is inside a frame (device thread only)
-extern bool next_inv;                      // next byte is escaped (device thread only)
+extern std::atomic<bool> need_sf;                  // write cmd_sf before anything else
+extern std::atomic<int> send_sf_cnt;               // restarts since the last data received
+extern std::atomic<bool> write_sf_error;           // last cmd_sf write failed
+extern std::atomic<bool> dev_busy;                 // a frame is out, no receipt yet
+extern std::atomic<int> dev_busy_cnt;              // cycles spent waiting while busy
+extern std::atomic<bool> wait_receipt_OK;          // last block not yet acknowledged
+extern bool form_enable;                           // reader is inside a frame (device thread only)
+extern bool next_inv;                              // next byte is escaped (device thread only)
 extern std::vector<unsigned char> current_packet;  // frame being collected (device thread only)
-extern std::atomic<bool> send_re;          // next plain receipt closes the device
+extern std::atomic<bool> send_re;                  // next plain receipt closes the device
 // The frame awaiting its receipt is the access-password block: a plain
 // receipt means the panel accepted the password, "AN3" that it refused it.
 extern std::atomic<bool> pass_block_written;

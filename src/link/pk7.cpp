@@ -3,7 +3,7 @@
 
 namespace {
 
-constexpr size_t header_size = 6;  // start byte, four length digits, type byte
+constexpr size_t header_size = 6;      // start byte, four length digits, type byte
 constexpr size_t length_overhead = 5;  // the length field counts itself and the type byte
 
 // "~", the length field ("0" and the value as three digits), the type byte.
@@ -22,7 +22,9 @@ bool fits(const char* data, size_t len) {
     return len <= PK7_MAX_LENGTH - length_overhead;
 }
 
-bool needs_escape(char c) { return c == PK7_ESCAPE || c == PK7_START || c == PK7_END; }
+bool needs_escape(char c) {
+    return c == PK7_ESCAPE || c == PK7_START || c == PK7_END;
+}
 
 }  // namespace
 

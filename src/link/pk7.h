@@ -18,7 +18,7 @@ void byte_stuffing(std::list<char>& bytes);
 // before queuing. Each array is padded with NUL bytes to a fixed slot; the
 // matching _len constant is the number of bytes sent.
 inline constexpr size_t PK7_SLOT = 24;
-#define PK7_READY_FRAME(name) \
+#define PK7_READY_FRAME(name)   \
     extern char name[PK7_SLOT]; \
     extern const size_t name##_len;
 PK7_READY_FRAME(cmd_sf)

@@ -28,7 +28,9 @@ Queue::Queue() {
     mutex = PTHREAD_MUTEX_INITIALIZER;
 }
 
-Queue::~Queue() { pthread_mutex_destroy(&mutex); }
+Queue::~Queue() {
+    pthread_mutex_destroy(&mutex);
+}
 
 void Queue::to_dev(std::vector<char>& frame) {
     MutexLock lock(mutex);

@@ -49,8 +49,8 @@ public:
     int add_bb_packet(char* data, int len);
     void clear() override;
 
-    std::atomic<uint32_t> num_try{0};      // resends of the head block
-    std::atomic<bool> start_flag{false};   // a new transfer was just queued
+    std::atomic<uint32_t> num_try{0};     // resends of the head block
+    std::atomic<bool> start_flag{false};  // a new transfer was just queued
 };
 
 // Builds the 32-byte password key: the password, 0x0D, the password again...

@@ -112,7 +112,7 @@ public:
 
     // ---- Status ----
     StatusDevice status_dev;
-    std::atomic<bool> ready{false};  // last "+tmt00" carried mode "1"
+    std::atomic<bool> ready{false};          // last "+tmt00" carried mode "1"
     std::atomic<bool> pass_accepted{false};  // the panel accepted the access password
     void set_status(int s);
     void set_status_10();

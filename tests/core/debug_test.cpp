@@ -1,9 +1,9 @@
 // Dump lines of the debug channels: escaping, limits and the time stamp.
+#include "core/debug.h"
+
 #include <gtest/gtest.h>
 
 #include <regex>
-
-#include "core/debug.h"
 
 namespace {
 
@@ -14,12 +14,18 @@ TEST(DebugDump, EscapesMarksControlAndHighBytes) {
         std::string text;
     };
     const Case cases[] = {
-        {std::string("\x7e" "0007\x0d\x7f", 7), 0, "<START>0007<0d><END>"},
+        {std::string("\x7e"
+                     "0007\x0d\x7f",
+                     7),
+         0, "<START>0007<0d><END>"},
         {"", 0, ""},
         {"0123456789", 3, "012..."},
         {"abc", 10, "abc"},
         {"abc", 3, "abc"},
-        {std::string("a\x7e" "b", 3), 0, "a<START>b"},
+        {std::string("a\x7e"
+                     "b",
+                     3),
+         0, "a<START>b"},
         {std::string("}\x80\xff\x1f ~", 6), 0, "}<80><ff><1f> <START>"},
         {std::string("\x00", 1), 0, "<00>"},
     };

@@ -72,30 +72,32 @@ TEST_F(EngineWithPanel, ConnectShowsLiveTelemetryThenDisconnectAndExit) {
     EXPECT_EQ(get("cmd=11&com=" + panel_->slave_path()), json_ok_answer);
 
     std::string status = status_with("\"status\":\"3\"", 10);
-    EXPECT_EQ(without_port_list(status),
-              "{\"result\":{\"devtype\":\"MS02\",\"status\":\"3\","
-              "\"statusready\":{\"rcfg\":\"0\",\"rmsg\":\"0\",\"rlog\":\"0\",\"rupd\":\"0\"},"
-              "\"progress\":{\"cfg\":\"0\",\"msg\":\"0\",\"log\":\"0\",\"logmax\":\"0\",\"upd\":\"0\"},"
-              "\"update\":false,\"com\":[],"
-              "\"sim\":\"1\",\"gsm\":\"87%\",\"server\":\"ON\",\"power_mode\":\"1\",\"power_value\":\"13\","
-              "\"power_ext\":\"8.ok\",\"tamper\":\"OFF\",\"t\":\"23\",\"balance\":\"\",\"modem\":\"0\",\"xcpu\":\"\","
-              "\"learnkey\":\"\","
-              "\"part\":[{\"N\":\"1\",\"S\":\"1\"},{\"N\":\"2\",\"S\":\"0\"}],"
-              "\"ext\":[" +
-                  [] {
-                      std::string ext;
-                      for (int i = 1; i <= 32; ++i) {
-                          if (i > 1) ext += ",";
-                          ext += "{\"N\":\"" + std::to_string(i) + "\",\"S\":\"" +
-                                 (i <= 2 ? "1" : "0") + "\",\"T\":\"\"}";
-                      }
-                      return ext;
-                  }() +
-                  "],"
-                  "\"ok\":[{\"N\":\"1\",\"S\":\"1\"},{\"N\":\"2\",\"S\":\"0\"}],"
-                  "\"lm\":[{\"N\":\"1\",\"S\":\"1\",\"R\":\"12.3\"},{\"N\":\"2\",\"S\":\"0\",\"R\":\"0.0\"}],"
-                  "\"ident\":\"\",\"date\":\"14.11.2023\",\"time\":\"22:13:20\","
-                  "\"temp_server\":{\"ip\":\"\",\"port\":\"\"}}}");
+    EXPECT_EQ(
+        without_port_list(status),
+        "{\"result\":{\"devtype\":\"MS02\",\"status\":\"3\","
+        "\"statusready\":{\"rcfg\":\"0\",\"rmsg\":\"0\",\"rlog\":\"0\",\"rupd\":\"0\"},"
+        "\"progress\":{\"cfg\":\"0\",\"msg\":\"0\",\"log\":\"0\",\"logmax\":\"0\",\"upd\":\"0\"},"
+        "\"update\":false,\"com\":[],"
+        "\"sim\":\"1\",\"gsm\":\"87%\",\"server\":\"ON\",\"power_mode\":\"1\",\"power_value\":\"13\","
+        "\"power_ext\":\"8.ok\",\"tamper\":\"OFF\",\"t\":\"23\",\"balance\":\"\",\"modem\":\"0\",\"xcpu\":"
+        "\"\","
+        "\"learnkey\":\"\","
+        "\"part\":[{\"N\":\"1\",\"S\":\"1\"},{\"N\":\"2\",\"S\":\"0\"}],"
+        "\"ext\":[" +
+            [] {
+                std::string ext;
+                for (int i = 1; i <= 32; ++i) {
+                    if (i > 1) ext += ",";
+                    ext += "{\"N\":\"" + std::to_string(i) + "\",\"S\":\"" + (i <= 2 ? "1" : "0") +
+                           "\",\"T\":\"\"}";
+                }
+                return ext;
+            }() +
+            "],"
+            "\"ok\":[{\"N\":\"1\",\"S\":\"1\"},{\"N\":\"2\",\"S\":\"0\"}],"
+            "\"lm\":[{\"N\":\"1\",\"S\":\"1\",\"R\":\"12.3\"},{\"N\":\"2\",\"S\":\"0\",\"R\":\"0.0\"}],"
+            "\"ident\":\"\",\"date\":\"14.11.2023\",\"time\":\"22:13:20\","
+            "\"temp_server\":{\"ip\":\"\",\"port\":\"\"}}}");
 
     // The access password travels encrypted; the panel's plain receipt accepts it.
     std::string first = body_of(get("cmd=12&pass=1234"));

@@ -18,16 +18,13 @@ using Pieces = std::vector<std::string>;
 // A fresh directory under /tmp, removed with everything in it.
 class TempDir {
 public:
-    TempDir()
-    {
+    TempDir() {
         char pattern[] = "/tmp/vorcore_utils_XXXXXX";
         const char* made = mkdtemp(pattern);
         path_ = made != nullptr ? made : "";
     }
-    ~TempDir()
-    {
-        if (!path_.empty())
-            std::filesystem::remove_all(path_);
+    ~TempDir() {
+        if (!path_.empty()) std::filesystem::remove_all(path_);
     }
     std::string file(const char* name) const { return path_ + "/" + name; }
     bool ok() const { return !path_.empty(); }
@@ -36,16 +33,14 @@ private:
     std::string path_;
 };
 
-std::string slurp(const std::string& path)
-{
+std::string slurp(const std::string& path) {
     std::ifstream in(path, std::ios::binary);
     return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
 }
 
 }  // namespace
 
-TEST(Split, SingleCharacterDelimiters)
-{
+TEST(Split, SingleCharacterDelimiters) {
     struct Case {
         std::string text;
         Pieces by_getline;
@@ -73,8 +68,7 @@ TEST(Split, SingleCharacterDelimiters)
     }
 }
 
-TEST(Split, MultiCharacterDelimiter)
-{
+TEST(Split, MultiCharacterDelimiter) {
     struct Case {
         std::string text;
         std::string delim;
@@ -96,8 +90,7 @@ TEST(Split, MultiCharacterDelimiter)
     }
 }
 
-TEST(SplitCurlyBrackets, TopLevelGroupsOnly)
-{
+TEST(SplitCurlyBrackets, TopLevelGroupsOnly) {
     struct Case {
         std::string text;
         Pieces want;
@@ -121,8 +114,7 @@ TEST(SplitCurlyBrackets, TopLevelGroupsOnly)
     }
 }
 
-TEST(GetParameter, TextBetweenMarkers)
-{
+TEST(GetParameter, TextBetweenMarkers) {
     struct Case {
         std::string text;
         std::string begin;
@@ -146,8 +138,7 @@ TEST(GetParameter, TextBetweenMarkers)
     }
 }
 
-TEST(Formatting, IntegersAndPrintfText)
-{
+TEST(Formatting, IntegersAndPrintfText) {
     EXPECT_EQ(int_to_string(0), "0");
     EXPECT_EQ(int_to_string(-42), "-42");
     EXPECT_EQ(int_to_string(2147483647), "2147483647");
@@ -162,8 +153,7 @@ TEST(Formatting, IntegersAndPrintfText)
     EXPECT_STREQ(buf, "abc");
 }
 
-TEST(Formatting, LongResultIsWhole)
-{
+TEST(Formatting, LongResultIsWhole) {
     for (size_t length : {255u, 256u, 257u, 5000u}) {
         std::string text(length, 'z');
         std::string got = format_to_str("[%s]", text.c_str());
@@ -171,8 +161,7 @@ TEST(Formatting, LongResultIsWhole)
     }
 }
 
-TEST(Files, ReadAppendsAndWriteTruncates)
-{
+TEST(Files, ReadAppendsAndWriteTruncates) {
     TempDir dir;
     ASSERT_TRUE(dir.ok());
     std::string path = dir.file("data.bin");
@@ -196,8 +185,7 @@ TEST(Files, ReadAppendsAndWriteTruncates)
     EXPECT_EQ(after, "kept");
 }
 
-TEST(Files, FailuresLeaveOutputAlone)
-{
+TEST(Files, FailuresLeaveOutputAlone) {
     TempDir dir;
     ASSERT_TRUE(dir.ok());
     std::string missing = dir.file("missing.txt");

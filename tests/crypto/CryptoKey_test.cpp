@@ -14,7 +14,8 @@ const std::string test_cipher_path = std::string(VORCORE_SOURCE_DIR) + "/data/ci
 
 std::vector<uint8_t> from_hex(const std::string& hex) {
     std::vector<uint8_t> out;
-    for (size_t i = 0; i + 1 < hex.size(); i += 2) out.push_back(static_cast<uint8_t>(std::stoi(hex.substr(i, 2), nullptr, 16)));
+    for (size_t i = 0; i + 1 < hex.size(); i += 2)
+        out.push_back(static_cast<uint8_t>(std::stoi(hex.substr(i, 2), nullptr, 16)));
     return out;
 }
 
@@ -64,7 +65,8 @@ TEST(Crc16, ModbusValueWithBytesSwapped) {
 // 8 bytes reversed (a0's bytes low first, then a1's), and the RFC key with the bytes of
 // each 4-byte word reversed, the words themselves staying in order.
 TEST_F(Cipher, BlockCoreMatchesMagmaTestVectorOfRfc8891) {
-    const std::vector<uint8_t> rfc_key = from_hex("ffeeddccbbaa99887766554433221100f0f1f2f3f4f5f6f7f8f9fafbfcfdfeff");
+    const std::vector<uint8_t> rfc_key =
+        from_hex("ffeeddccbbaa99887766554433221100f0f1f2f3f4f5f6f7f8f9fafbfcfdfeff");
     const std::vector<uint8_t> rfc_plain = from_hex("fedcba9876543210");
     const std::vector<uint8_t> rfc_cipher = from_hex("4ee901e5c2d8ca3d");
 
@@ -179,7 +181,8 @@ TEST_F(Cipher, KeylessVariantPadsWithBuiltInKeyBytes) {
     uint8_t flag = 0;
     // The last data byte, 0x03, reads as a trailer of three: the padding lies in front.
     ASSERT_EQ(CRY_256_ENCRYPTO(buf, 8, &out_len, &flag, standartKey), buf + 3);
-    const uint8_t expected[8] = {standartKey[30], standartKey[31], standartKey[0], 0x11, 0x22, 0x33, 0x44, 0x03};
+    const uint8_t expected[8] = {
+        standartKey[30], standartKey[31], standartKey[0], 0x11, 0x22, 0x33, 0x44, 0x03};
     EXPECT_EQ(std::memcmp(buf, expected, 8), 0);
 
     CRY_256_RESET_WITHOUT_RAND();
@@ -214,7 +217,8 @@ TEST(CipherFile, EveryUseIsRefusedWithoutATable) {
 
 TEST(CipherFile, AcceptsCommentsCaseByteOrderMarkAndLineEnds) {
     const std::string text =
-        "\xEF\xBB\xBF\r\n# site cipher data\r\n  c462a5b9e8d703f1  \r\n68239A5C1E47BD0F\r\n\r\nB3582FADE174C960\r\n"
+        "\xEF\xBB\xBF\r\n# site cipher data\r\n  c462a5b9e8d703f1  "
+        "\r\n68239A5C1E47BD0F\r\n\r\nB3582FADE174C960\r\n"
         "C821D4F670A53E9B\r\n7F5A816D093EB42C\r\n# comment between rows\r\n5DF692CAB78143E0\r\n"
         "8E25691CF4B0DA37\r\n17ED05834FA69CB2\r\n"
         "000102030405060708090a0b0c0d0e0f101112131415161718191A1B1C1D1E1F\r\n";
@@ -229,8 +233,9 @@ TEST(CipherFile, AcceptsCommentsCaseByteOrderMarkAndLineEnds) {
 }
 
 TEST(CipherFile, MalformedFilesAreRejectedWithAReason) {
-    const std::string rows[8] = {"C462A5B9E8D703F1", "68239A5C1E47BD0F", "B3582FADE174C960", "C821D4F670A53E9B",
-                                 "7F5A816D093EB42C", "5DF692CAB78143E0", "8E25691CF4B0DA37", "17ED05834FA69CB2"};
+    const std::string rows[8] = {"C462A5B9E8D703F1", "68239A5C1E47BD0F", "B3582FADE174C960",
+                                 "C821D4F670A53E9B", "7F5A816D093EB42C", "5DF692CAB78143E0",
+                                 "8E25691CF4B0DA37", "17ED05834FA69CB2"};
     const std::string key = "766f72636f72652d70616e656c2d73696d756c61746f722d746573742d6b6579";
     auto table = [&](int count) {
         std::string t;
@@ -244,14 +249,19 @@ TEST(CipherFile, MalformedFilesAreRejectedWithAReason) {
     } cases[] = {
         {"empty", "", "only 0 of 8 table rows found"},
         {"seven rows", table(7) + key + "\n",
-         "line 8: table row 7 must be 16 hex digits, found 64 characters (looks like the key line: the table needs 8 rows)"},
+         "line 8: table row 7 must be 16 hex digits, found 64 characters (looks like the key line: the table "
+         "needs 8 rows)"},
         {"nine rows", table(9) + key + "\n",
-         "line 9: key must be 64 hex digits, found 16 characters (a ninth table row? the table has exactly 8 rows)"},
-        {"no key", "# table only\n" + table(8), "missing the key line (64 hex digits) after the 8 table rows"},
-        {"non-hex", table(2) + "C821D4F67OA53E9B\n" + table(5) + key, "line 3: table row 2 has a non-hex character 'O' at column 10"},
+         "line 9: key must be 64 hex digits, found 16 characters (a ninth table row? the table has exactly 8 "
+         "rows)"},
+        {"no key", "# table only\n" + table(8),
+         "missing the key line (64 hex digits) after the 8 table rows"},
+        {"non-hex", table(2) + "C821D4F67OA53E9B\n" + table(5) + key,
+         "line 3: table row 2 has a non-hex character 'O' at column 10"},
         {"not a permutation", table(4) + "7F5A816D093EB42F\n" + table(3) + key,
          "line 5: table row 4 is not a permutation of 0..F: digit F appears twice"},
-        {"short key", table(8) + key.substr(0, 62) + "\n", "line 9: key must be 64 hex digits, found 62 characters"},
+        {"short key", table(8) + key.substr(0, 62) + "\n",
+         "line 9: key must be 64 hex digits, found 62 characters"},
         {"trailing data", table(8) + key + "\n\n00\n", "line 11: unexpected data after the key line"},
     };
     for (const Case& c : cases) {

@@ -13,8 +13,7 @@ namespace {
 const std::string api = "/tuning/device?id=-1&";
 using Strings = std::vector<std::string>;
 
-std::string get(std::string target, std::string* console = nullptr)
-{
+std::string get(std::string target, std::string* console = nullptr) {
     std::stringstream answer;
     testing::internal::CaptureStdout();
     parse_get_query(target, answer);
@@ -23,17 +22,17 @@ std::string get(std::string target, std::string* console = nullptr)
     return answer.str();
 }
 
-std::string cmd(const std::string& rest) { return api + "cmd=" + rest; }
+std::string cmd(const std::string& rest) {
+    return api + "cmd=" + rest;
+}
 
 class GetApi : public testing::Test {
 protected:
-    void SetUp() override
-    {
+    void SetUp() override {
         drain_queue();
         parser.set_status(3);
     }
-    void TearDown() override
-    {
+    void TearDown() override {
         drain_queue();
         send_re = false;
         is_exit = false;
@@ -42,15 +41,16 @@ protected:
 };
 using StaticFiles = GetApi;
 
-TEST_F(StaticFiles, EachTypeIsServedWholeWithItsHeaders)
-{
+TEST_F(StaticFiles, EachTypeIsServedWholeWithItsHeaders) {
     const std::string png("\x89PNG\r\n\0\x7f", 8), ico("\0\0\1\0", 4);
-    const Strings files = {"index.html", "scenario/index.html", "css/m.css", "app.js", "d.json", "i/l.png", "f.ico",
-                           "s.svg", "a..b.js", "app.js?v=2"};
+    const Strings files = {
+        "index.html", "scenario/index.html", "css/m.css", "app.js", "d.json", "i/l.png", "f.ico", "s.svg",
+        "a..b.js",    "app.js?v=2"};
     const Strings bodies = {"<main>", "<scenario>", "b{}", "var a;", "{}", png, ico, "<svg/>", "dots", "v2"};
     for (size_t i = 0; i < files.size(); ++i) write_test_file("js/" + files[i], bodies[i]);
 
-    const std::string html = "Content-Type: text/html; charset=UTF-8\r\n", binary = "\r\nContent-Transfer-Encoding: binary;";
+    const std::string html = "Content-Type: text/html; charset=UTF-8\r\n",
+                      binary = "\r\nContent-Transfer-Encoding: binary;";
     const std::vector<std::pair<std::string, std::string>> cases = {
         {"/", expected_answer(html, "<main>")},
         {"/index.html", expected_answer(html, "<main>")},
@@ -74,8 +74,7 @@ TEST_F(StaticFiles, EachTypeIsServedWholeWithItsHeaders)
     EXPECT_EQ(get("/") + get("/scenario/index.html"), "");
 }
 
-TEST_F(StaticFiles, TraversalIsRefusedLikeAnUnknownQuery)
-{
+TEST_F(StaticFiles, TraversalIsRefusedLikeAnUnknownQuery) {
     write_test_file("secret.js", "outside");
     write_test_file("jsx.js", "outside");
     write_test_file("js/css/x.css", "inside");
@@ -89,8 +88,7 @@ TEST_F(StaticFiles, TraversalIsRefusedLikeAnUnknownQuery)
     EXPECT_EQ(get("/css/x.css"), expected_answer("Content-Type: text/css; charset=UTF-8\r\n", "inside"));
 }
 
-TEST_F(GetApi, UnknownQueriesAre404WithAConsoleLine)
-{
+TEST_F(GetApi, UnknownQueriesAre404WithAConsoleLine) {
     for (const std::string& target : Strings{"/index.html?x=1", api + "getlog&record=5", api + "nothing"}) {
         std::string console;
         EXPECT_EQ(get(target, &console), not_found_answer) << target;
@@ -98,8 +96,7 @@ TEST_F(GetApi, UnknownQueriesAre404WithAConsoleLine)
     }
 }
 
-TEST_F(GetApi, VersionExitAndProducerQueries)
-{
+TEST_F(GetApi, VersionExitAndProducerQueries) {
     EXPECT_EQ(get(api + "version=1.0.0"), json_answer("{ \"result\":{\"version\":\"5.2.22\"} }"));
     EXPECT_EQ(get(api + "exit"), json_answer(ok_body));
     EXPECT_TRUE(is_exit);
@@ -122,20 +119,40 @@ TEST_F(GetApi, VersionExitAndProducerQueries)
     EXPECT_EQ(parser.get_ready_text(&StatusDevice::rmsg), "0");
 }
 
-TEST_F(GetApi, CommandsQueueTheirExactFrames)
-{
+TEST_F(GetApi, CommandsQueueTheirExactFrames) {
     const std::string text(600, 'x');
     const std::vector<std::pair<std::string, std::string>> cases = {
-        {"13", "~0009FUL-2\x7f"}, {"14", "~0009FUL-1\x7f"}, {"21", "~0007FRE\x7f"}, {"22", "~0007FFR\x7f"},
-        {"23&pass=123456", "~0018FPS-123456\r\nec\x7f"}, {"23&pass=000000&pass=abcdef", "~0018FPS-abcdef\r\nec\x7f"},
-        {"41&speed=3", "~0009FEP-3\x7f"}, {"41&speed=57", "~0009FEP-5\x7f"}, {"42", "~0007FAD\x7f"},
-        {"43&ext=5", "~0008FEF5\x7f"}, {"43&ext=12", "~0009FEF12\x7f"}, {"43&ext=", "~0007FER\x7f"},
-        {"44&ext=7", "~0008FEA7\x7f"}, {"44&ext=31", "~0009FEA31\x7f"}, {"44&ext=", "~0007FER\x7f"},
-        {"45&radio=4", "~0012FXXPG4-1\x7f"}, {"45&radio=16", "~0013FXXPG16-1\x7f"}, {"46", "~0012FXXPG1-0\x7f"},
-        {"51&ok=4", "~0010FKK4-1\x7f"}, {"51&ok=1&ok=9", "~0010FKK9-1\x7f"}, {"52&ok=4", "~0010FKK4-0\x7f"},
-        {"61&zona=2", "~0010FSS1-2\x7f"}, {"62&zona=8", "~0010FSS2-8\x7f"}, {"63&part=3", "~0009FKT-3\x7f"},
-        {"81", "~0007FPL\x7f"}, {"82", "~0007FLS\x7f"}, {"83", "~0007FDL\x7f"}, {"91", "~0007FMH\x7f"},
-        {"100&text=SF", "~0007FSF\x7f"}, {"100&text=", "~0005F\x7f"}, {"100&text=a b&x=1", "~0012Fa b&x=1\x7f"},
+        {"13", "~0009FUL-2\x7f"},
+        {"14", "~0009FUL-1\x7f"},
+        {"21", "~0007FRE\x7f"},
+        {"22", "~0007FFR\x7f"},
+        {"23&pass=123456", "~0018FPS-123456\r\nec\x7f"},
+        {"23&pass=000000&pass=abcdef", "~0018FPS-abcdef\r\nec\x7f"},
+        {"41&speed=3", "~0009FEP-3\x7f"},
+        {"41&speed=57", "~0009FEP-5\x7f"},
+        {"42", "~0007FAD\x7f"},
+        {"43&ext=5", "~0008FEF5\x7f"},
+        {"43&ext=12", "~0009FEF12\x7f"},
+        {"43&ext=", "~0007FER\x7f"},
+        {"44&ext=7", "~0008FEA7\x7f"},
+        {"44&ext=31", "~0009FEA31\x7f"},
+        {"44&ext=", "~0007FER\x7f"},
+        {"45&radio=4", "~0012FXXPG4-1\x7f"},
+        {"45&radio=16", "~0013FXXPG16-1\x7f"},
+        {"46", "~0012FXXPG1-0\x7f"},
+        {"51&ok=4", "~0010FKK4-1\x7f"},
+        {"51&ok=1&ok=9", "~0010FKK9-1\x7f"},
+        {"52&ok=4", "~0010FKK4-0\x7f"},
+        {"61&zona=2", "~0010FSS1-2\x7f"},
+        {"62&zona=8", "~0010FSS2-8\x7f"},
+        {"63&part=3", "~0009FKT-3\x7f"},
+        {"81", "~0007FPL\x7f"},
+        {"82", "~0007FLS\x7f"},
+        {"83", "~0007FDL\x7f"},
+        {"91", "~0007FMH\x7f"},
+        {"100&text=SF", "~0007FSF\x7f"},
+        {"100&text=", "~0005F\x7f"},
+        {"100&text=a b&x=1", "~0012Fa b&x=1\x7f"},
         {"100&text=" + text, "~0605F" + text + "\x7f"},
     };
     for (const auto& [query, frame] : cases) {
@@ -144,11 +161,31 @@ TEST_F(GetApi, CommandsQueueTheirExactFrames)
     }
 }
 
-TEST_F(GetApi, BadParametersAndUnknownCommandsAreErrorsWithoutFrames)
-{
-    for (const std::string query : {"23&pass=12345", "23&pass=1234567", "23", "41&speed=", "41", "43&ext=123", "43",
-                                    "45&radio=", "45&radio=123", "51&ok=12", "51&ok=", "62&zona=10", "63&part=12",
-                                    "63", "100", "99", "2", "4", "71", "31", "32", "1", "5", "12"}) {
+TEST_F(GetApi, BadParametersAndUnknownCommandsAreErrorsWithoutFrames) {
+    for (const std::string query : {"23&pass=12345",
+                                    "23&pass=1234567",
+                                    "23",
+                                    "41&speed=",
+                                    "41",
+                                    "43&ext=123",
+                                    "43",
+                                    "45&radio=",
+                                    "45&radio=123",
+                                    "51&ok=12",
+                                    "51&ok=",
+                                    "62&zona=10",
+                                    "63&part=12",
+                                    "63",
+                                    "100",
+                                    "99",
+                                    "2",
+                                    "4",
+                                    "71",
+                                    "31",
+                                    "32",
+                                    "1",
+                                    "5",
+                                    "12"}) {
         EXPECT_EQ(get(cmd(query)), json_answer(error_body)) << query;
         EXPECT_TRUE(drain_queue().empty()) << query;
     }
@@ -156,8 +193,7 @@ TEST_F(GetApi, BadParametersAndUnknownCommandsAreErrorsWithoutFrames)
     EXPECT_TRUE(drain_queue().empty());
 }
 
-TEST_F(GetApi, CommandsMoveStatusFlagsAndReadyTexts)
-{
+TEST_F(GetApi, CommandsMoveStatusFlagsAndReadyTexts) {
     get(cmd("21"));
     EXPECT_TRUE(send_re.exchange(false));
     get(cmd("22"));
@@ -173,11 +209,12 @@ TEST_F(GetApi, CommandsMoveStatusFlagsAndReadyTexts)
     EXPECT_EQ(parser.get_ready_text(&StatusDevice::rmsg), "1");
 }
 
-TEST_F(GetApi, DownloadsCarryAHeaderSafeFileName)
-{
+TEST_F(GetApi, DownloadsCarryAHeaderSafeFileName) {
     auto download = [](const std::string& name, const std::string& body) {
-        return expected_answer("Content-Type: text/plain; charset=UTF-8\r\nContent-disposition: attachment; filename=" +
-                                   name + "\r\nContent-transfer-encoding: text\r\n", body);
+        return expected_answer(
+            "Content-Type: text/plain; charset=UTF-8\r\nContent-disposition: attachment; filename=" + name +
+                "\r\nContent-transfer-encoding: text\r\n",
+            body);
     };
     std::string logs, events;
     parser.dev_log_to_file(logs);
@@ -188,8 +225,7 @@ TEST_F(GetApi, DownloadsCarryAHeaderSafeFileName)
     EXPECT_EQ(get(cmd("92&file=\r\n")), download("events.txt", events));
 }
 
-TEST_F(GetApi, FileCommandsReportWhatTheyCannotReadOrWrite)
-{
+TEST_F(GetApi, FileCommandsReportWhatTheyCannotReadOrWrite) {
     write_test_file("devs/MD19.ini", "Vorlane-x\r\nfe\r\n");
     write_test_file("secret.ini", "Vorlane-x\r\n");
     EXPECT_EQ(get(cmd("1&devtype=MD19")), json_answer(ok_body));
@@ -207,11 +243,11 @@ TEST_F(GetApi, FileCommandsReportWhatTheyCannotReadOrWrite)
     EXPECT_EQ(std::filesystem::file_size("my drive/CONFIG.INI"), cfg_text.size());
     const std::string gone = dir.path() + "/gone";
     EXPECT_EQ(get(cmd("5&drive=" + gone), &console), json_answer(error_body));
-    expect_stamped_lines(console, {"error write file " + gone + "/clock.txt", "error write file " + gone + "/CONFIG.INI"});
+    expect_stamped_lines(
+        console, {"error write file " + gone + "/clock.txt", "error write file " + gone + "/CONFIG.INI"});
 }
 
-TEST_F(GetApi, PasswordCommandAnswersFromTheFlags)
-{
+TEST_F(GetApi, PasswordCommandAnswersFromTheFlags) {
     // No cipher is loaded in this program: the password block cannot be built.
     parser.pass_accepted = false;
     EXPECT_EQ(get(cmd("12&pass=1234")), json_answer(error_body));
@@ -225,7 +261,8 @@ TEST_F(GetApi, PasswordCommandAnswersFromTheFlags)
         parser.pass_accepted = c.accepted;
         queue.pass_sent = c.sent;
         queue.pass_rejected = c.rejected;
-        EXPECT_EQ(get(cmd("12&pass=1234&continue")), json_answer(c.body)) << c.accepted << c.sent << c.rejected;
+        EXPECT_EQ(get(cmd("12&pass=1234&continue")), json_answer(c.body))
+            << c.accepted << c.sent << c.rejected;
         EXPECT_EQ(queue.pass_sent, c.sent && !c.accepted);  // an accepted password clears both flags
         EXPECT_EQ(queue.pass_rejected, c.rejected && !c.accepted);
     }
@@ -239,8 +276,7 @@ TEST_F(GetApi, PasswordCommandAnswersFromTheFlags)
 }
 
 // Each open_dev waits two seconds for stty.
-TEST_F(GetApi, ConnectAndDisconnect)
-{
+TEST_F(GetApi, ConnectAndDisconnect) {
     EXPECT_EQ(get(cmd("11")), json_answer(ok_body));
     EXPECT_EQ(get(cmd("11&com=")), json_answer(""));
     EXPECT_EQ(get(cmd("11&com=/dev/vorcore-no-port")),

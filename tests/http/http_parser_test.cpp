@@ -68,23 +68,28 @@ TEST(AnswerBuilders, WriteExactBytes) {
         {"css", [&](std::stringstream& s) { set_response_css(s, body); },
          ok_head + "Content-Type: text/css; charset=UTF-8\r\nContent-Length: 4\r\n\r\n" + body},
         {"png", [&](std::stringstream& s) { set_response_png(s, body); },
-         ok_head + "Content-Type: image/png\r\nContent-Transfer-Encoding: binary;Content-Length: 4\r\n\r\n" + body},
+         ok_head + "Content-Type: image/png\r\nContent-Transfer-Encoding: binary;Content-Length: 4\r\n\r\n" +
+             body},
         {"ico", [&](std::stringstream& s) { set_response_ico(s, body); },
-         ok_head + "Content-Type: image/x-icon\r\nContent-Transfer-Encoding: binary;Content-Length: 4\r\n\r\n" +
+         ok_head +
+             "Content-Type: image/x-icon\r\nContent-Transfer-Encoding: binary;Content-Length: 4\r\n\r\n" +
              body},
         {"svg", [&](std::stringstream& s) { set_response_svg(s, body); },
-         ok_head + "Content-Type: image/svg+xml\r\nContent-Transfer-Encoding: binary;Content-Length: 4\r\n\r\n" +
+         ok_head +
+             "Content-Type: image/svg+xml\r\nContent-Transfer-Encoding: binary;Content-Length: 4\r\n\r\n" +
              body},
         {"json", [&](std::stringstream& s) { set_response_json(s, body); }, json_answer(body)},
         {"json empty", [&](std::stringstream& s) { set_response_json(s, ""); }, json_answer("")},
         {"cfg file", [&](std::stringstream& s) { set_response_cfg_file(s, body); },
          ok_head +
-             "Content-Type: text/plain; charset=UTF-8\r\nContent-disposition: attachment; filename=config.ini\r\n"
+             "Content-Type: text/plain; charset=UTF-8\r\nContent-disposition: attachment; "
+             "filename=config.ini\r\n"
              "Content-transfer-encoding: text\r\nContent-Length: 4\r\n\r\n" +
              body},
         {"events file", [&](std::stringstream& s) { set_response_events_file(s, body, "events.txt"); },
          ok_head +
-             "Content-Type: text/plain; charset=UTF-8\r\nContent-disposition: attachment; filename=events.txt\r\n"
+             "Content-Type: text/plain; charset=UTF-8\r\nContent-disposition: attachment; "
+             "filename=events.txt\r\n"
              "Content-transfer-encoding: text\r\nContent-Length: 4\r\n\r\n" +
              body},
         {"error", [](std::stringstream& s) { set_error(s); }, not_found},
@@ -260,7 +265,8 @@ TEST(Parse, ForeignOriginsAreRefusedBeforeDispatch) {
         {"Sec-Fetch-Site: none\r\n", ""},
         {"Sec-Fetch-Site: same-site\r\n", ""},
         {"Host: evil.example\r\n", "Request refused, foreign Host: evil.example\n"},
-        {"Host: localhost.evil.example:8080\r\n", "Request refused, foreign Host: localhost.evil.example:8080\n"},
+        {"Host: localhost.evil.example:8080\r\n",
+         "Request refused, foreign Host: localhost.evil.example:8080\n"},
         {"Host: 127.0.0.1.nip.io\r\n", "Request refused, foreign Host: 127.0.0.1.nip.io\n"},
         {"Host: localhost:80a\r\n", "Request refused, foreign Host: localhost:80a\n"},
         {"Host: [::1\r\n", "Request refused, foreign Host: [::1\n"},
@@ -268,9 +274,11 @@ TEST(Parse, ForeignOriginsAreRefusedBeforeDispatch) {
         {"Host: localhost\r\nHost: evil\r\n", "Request refused, foreign Host: evil\n"},
         {"Origin: null\r\n", "Request refused, foreign Origin: null\n"},
         {"origin: http://evil.example\r\n", "Request refused, foreign Origin: http://evil.example\n"},
-        {"Origin: http://localhost.evil.example\r\n", "Request refused, foreign Origin: http://localhost.evil.example\n"},
+        {"Origin: http://localhost.evil.example\r\n",
+         "Request refused, foreign Origin: http://localhost.evil.example\n"},
         {"Origin: http://localhost:8080/x\r\n", "Request refused, foreign Origin: http://localhost:8080/x\n"},
-        {"Host: localhost:8080\r\nSec-Fetch-Site: cross-site\r\n", "Request refused, Sec-Fetch-Site: cross-site\n"},
+        {"Host: localhost:8080\r\nSec-Fetch-Site: cross-site\r\n",
+         "Request refused, Sec-Fetch-Site: cross-site\n"},
         {"sec-fetch-site: Cross-Site\r\n", "Request refused, Sec-Fetch-Site: cross-site\n"},
         {"Host: a\x01\x1b[2Jb\r\n", "Request refused, foreign Host: a??[2Jb\n"},
     };
@@ -311,14 +319,15 @@ TEST(Parse, OnlyTheHeadIsExaminedForOrigins) {
         {padded("GET", 1398, "Host: evil\r\n"), true},
         {padded("POST", 1370, "Host: localhost\r\nOrigin: null\r\nSec-Fetch-Site: cross-site\r\n\r\n"), true},
         {padded("POST", 1377, "Content-Length: 0\r\n\r\n"), false},  // a whole head of exactly 1400 bytes
-        {padded("POST", 1370, "Content-Length: 0\r\n"), false},        // a short read holds all there is
+        {padded("POST", 1370, "Content-Length: 0\r\n"), false},      // a short read holds all there is
     };
     for (const Case& c : cases) {
         testing::internal::CaptureStdout();
         p = run_parse(c.request);
         std::string console = without_stamps(testing::internal::GetCapturedStdout());
         EXPECT_EQ(p.answer, c.refused ? forbidden : json_answer(json_ok)) << c.request.size();
-        EXPECT_EQ(console, c.refused ? "Request refused, head longer than one read\n" : "") << c.request.size();
+        EXPECT_EQ(console, c.refused ? "Request refused, head longer than one read\n" : "")
+            << c.request.size();
     }
 }
 
@@ -331,6 +340,7 @@ TEST(Parse, DebugSwitchPrintsTheRequest) {
     std::string console = testing::internal::GetCapturedStdout();
     debug_mode = false;
     dm_h2 = false;
-    EXPECT_TRUE(std::regex_search(console, std::regex(R"(^\d\d:\d\d:\d\d\.\d\d\d  <<<JSON_IN     )"))) << console;
+    EXPECT_TRUE(std::regex_search(console, std::regex(R"(^\d\d:\d\d:\d\d\.\d\d\d  <<<JSON_IN     )")))
+        << console;
     EXPECT_EQ(without_stamps(console), " <<<JSON_IN     POST /x HTTP/1.1\r\n\r\nab\n\n\n");
 }

@@ -3,16 +3,15 @@
 
 #include <arpa/inet.h>
 #include <fcntl.h>
+#include <gtest/gtest.h>
 #include <netinet/in.h>
 #include <poll.h>
-#include <spawn.h>
 #include <signal.h>
+#include <spawn.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
-
-#include <gtest/gtest.h>
 
 #include <atomic>
 #include <chrono>
@@ -77,8 +76,6 @@ private:
     int port_ = 0;
 };
 
-
-
 }  // namespace
 
 TEST(HttpServer, PortInUseFallsBackToTheNextAndOpensTheBrowserThere) {
@@ -93,7 +90,8 @@ TEST(HttpServer, PortInUseFallsBackToTheNextAndOpensTheBrowserThere) {
     ASSERT_LE(expected, 8099);
     std::string bind_lines;
     std::string bind_errors;
-    for (int port = 8080; port <= expected; ++port) bind_lines += "bind port " + std::to_string(port) + "...\n";
+    for (int port = 8080; port <= expected; ++port)
+        bind_lines += "bind port " + std::to_string(port) + "...\n";
     for (int port = 8080; port < expected; ++port) bind_errors += "bind: Address already in use\n";
     std::string browser = "x-www-browser http://localhost:" + std::to_string(expected);
 
@@ -121,21 +119,20 @@ TEST(HttpServer, MalformedRequestsAndUnknownMethodsAnswer404) {
     InProcessServer server(dir);
     ASSERT_NE(server.port(), 0);
     const std::string cases[] = {
-        "GARBAGE\r\n\r\n",
-        "GET /\r\n\r\n",
-        "PUT / HTTP/1.1\r\n\r\n",
-        "DELETE /tuning/device?id=-1&exit HTTP/1.1\r\n\r\n",
-        "get / HTTP/1.1\r\n\r\n",
-        std::string("\0GET / HTTP/1.1\r\n\r\n", 19),
+        "GARBAGE\r\n\r\n",        "GET /\r\n\r\n",
+        "PUT / HTTP/1.1\r\n\r\n", "DELETE /tuning/device?id=-1&exit HTTP/1.1\r\n\r\n",
+        "get / HTTP/1.1\r\n\r\n", std::string("\0GET / HTTP/1.1\r\n\r\n", 19),
     };
-    for (const std::string& request : cases) EXPECT_EQ(exchange(server.port(), request), not_found) << request;
+    for (const std::string& request : cases)
+        EXPECT_EQ(exchange(server.port(), request), not_found) << request;
 
     // A client that closes its side without a word is answered as an empty request.
     Fd silent = connect_to(server.port());
     shutdown(silent.get(), SHUT_WR);
     EXPECT_EQ(read_to_close(silent), not_found);
 
-    EXPECT_EQ(exchange(server.port(), "POST /tuning/device?id=-1&cmd=5 HTTP/1.1\r\n\r\n"), json_answer(json_error));
+    EXPECT_EQ(exchange(server.port(), "POST /tuning/device?id=-1&cmd=5 HTTP/1.1\r\n\r\n"),
+              json_answer(json_error));
     EXPECT_FALSE(server.done());
 }
 
@@ -197,7 +194,8 @@ TEST(HttpServer, BodyArrivingLateIsReportedAndTheAnswerStillSent) {
     server.stop();
 
     EXPECT_NE(without_stamps(out.text()).find("\nError size query body\n"), std::string::npos) << out.text();
-    EXPECT_TRUE(std::regex_search(out.text(), std::regex(R"(\n\d\d:\d\d:\d\d\.\d\d\d Error size query body\n)")));
+    EXPECT_TRUE(
+        std::regex_search(out.text(), std::regex(R"(\n\d\d:\d\d:\d\d\.\d\d\d Error size query body\n)")));
 }
 
 TEST(HttpServer, CrossSiteRequestsAreRefusedAndChangeNothing) {
@@ -225,7 +223,8 @@ TEST(HttpServer, CrossSiteRequestsAreRefusedAndChangeNothing) {
     EXPECT_NE(console.find("Request refused, foreign Host: evil.example\n"), std::string::npos) << console;
     EXPECT_NE(console.find("Request refused, foreign Origin: null\n"), std::string::npos) << console;
     EXPECT_NE(console.find("Request refused, Sec-Fetch-Site: cross-site\n"), std::string::npos) << console;
-    EXPECT_NE(console.find("Request refused, foreign Origin: http://evil.example\n"), std::string::npos) << console;
+    EXPECT_NE(console.find("Request refused, foreign Origin: http://evil.example\n"), std::string::npos)
+        << console;
     EXPECT_EQ(console.find("refused-upload"), std::string::npos) << console;  // never reached the POST API
 }
 
@@ -239,13 +238,14 @@ TEST(HttpServer, TheConsolesOwnSameOriginRequestsAreServed) {
     std::string version = "{ \"result\":{\"version\":\"5.2.22\"} }";
     EXPECT_EQ(exchange(server.port(), local_get(server.port(), "/tuning/device?id=-1&version=1")),
               json_answer(version));
-    EXPECT_EQ(exchange(server.port(), local_get(server.port(), "/tuning/device?id=-1&cmd=13")), json_answer(json_ok));
+    EXPECT_EQ(exchange(server.port(), local_get(server.port(), "/tuning/device?id=-1&cmd=13")),
+              json_answer(json_ok));
     EXPECT_EQ(queue.size(), queued + 1);
     queue.clear();
 
     std::string host = "localhost:" + std::to_string(server.port());
-    std::string post = "POST /tuning/device?id=-1&cmd=99 HTTP/1.1\r\nHost: " + host + "\r\nOrigin: http://" + host +
-                       "\r\nSec-Fetch-Site: same-origin\r\nContent-Length: 0\r\n\r\n";
+    std::string post = "POST /tuning/device?id=-1&cmd=99 HTTP/1.1\r\nHost: " + host + "\r\nOrigin: http://" +
+                       host + "\r\nSec-Fetch-Site: same-origin\r\nContent-Length: 0\r\n\r\n";
     EXPECT_EQ(exchange(server.port(), post), json_answer(json_error));
 }
 
@@ -264,8 +264,9 @@ TEST(Engine, ExitQueryIsAnsweredAndEndsTheEngine) {
     EXPECT_TRUE(WIFEXITED(status));
     EXPECT_EQ(WEXITSTATUS(status), 0);
     std::string console = engine.console();
-    EXPECT_NE(console.find("su  -c \"x-www-browser http://localhost:" + std::to_string(engine.port()) + "\"\n"),
-              std::string::npos)
+    EXPECT_NE(
+        console.find("su  -c \"x-www-browser http://localhost:" + std::to_string(engine.port()) + "\"\n"),
+        std::string::npos)
         << console;
     EXPECT_TRUE(ends_with(console, "close listen socket\n")) << console;
     EXPECT_FALSE(engine.sanitizer_reported()) << engine.errors();

@@ -12,11 +12,12 @@ namespace {
 const std::string upload = "/tuning/device?id=-1&cmd=4";
 const std::string cry_head = "ABC\r\n" + std::string(22, 'H');
 
-std::vector<char> bytes_of(const std::string& text) { return std::vector<char>(text.begin(), text.end()); }
+std::vector<char> bytes_of(const std::string& text) {
+    return std::vector<char>(text.begin(), text.end());
+}
 
 // Posts a body and returns what it printed.
-std::string post(const std::string& target, const std::string& body)
-{
+std::string post(const std::string& target, const std::string& body) {
     parsing_result result;
     result.query = target;
     result.content = body;
@@ -27,20 +28,23 @@ std::string post(const std::string& target, const std::string& body)
 
 class PostApi : public testing::Test {
 protected:
-    void SetUp() override
-    {
+    void SetUp() override {
         cry_file_content = bytes_of("previous");
         parser.set_status(3);
     }
     ScopedWorkDir dir;
 };
 
-TEST(CryHeader, LengthIsLineLineEndRunAndTail)
-{
+TEST(CryHeader, LengthIsLineLineEndRunAndTail) {
     const std::string tail(22, 'H');
     const std::vector<std::pair<std::string, int>> cases = {
-        {"", 0}, {cry_head + std::string(16, 'P'), 27}, {"ABC\n" + tail, 26}, {"A\r\n\n\r" + tail + "xy", 27},
-        {"\r\n" + tail, 24}, {std::string(22, 'X'), 0}, {cry_head.substr(0, 26), 0},
+        {"", 0},
+        {cry_head + std::string(16, 'P'), 27},
+        {"ABC\n" + tail, 26},
+        {"A\r\n\n\r" + tail + "xy", 27},
+        {"\r\n" + tail, 24},
+        {std::string(22, 'X'), 0},
+        {cry_head.substr(0, 26), 0},
     };
     for (const auto& [text, header] : cases) {
         std::vector<char> file = bytes_of(text);
@@ -48,27 +52,28 @@ TEST(CryHeader, LengthIsLineLineEndRunAndTail)
     }
 }
 
-TEST_F(PostApi, CryUploadStoresPayloadAndWaitsForPassword)
-{
+TEST_F(PostApi, CryUploadStoresPayloadAndWaitsForPassword) {
     EXPECT_EQ(post(upload + "&file=site.cry", cry_head + "0123456789abcdef"), "");
     EXPECT_EQ(cry_file_content, bytes_of("0123456789abcdef"));
     EXPECT_EQ(parser.get_status(), 11);
     // Bytes above 0x7F arrive as the browser's UTF-8 characters.
-    EXPECT_EQ(post(upload + ".cry", cry_head + "\xC3\xBF\xC2\x80" "abcdef"), "");
-    EXPECT_EQ(cry_file_content, bytes_of("\xFF\x80" "abcdef"));
+    EXPECT_EQ(post(upload + ".cry", cry_head + "\xC3\xBF\xC2\x80"
+                                               "abcdef"),
+              "");
+    EXPECT_EQ(cry_file_content, bytes_of("\xFF\x80"
+                                         "abcdef"));
 }
 
-TEST_F(PostApi, MalformedCryIsRefusedAndKeepsThePreviousUpload)
-{
-    for (const std::string& body : {cry_head + std::string(15, 'P'), std::string(22, 'X'), cry_head.substr(0, 20)}) {
+TEST_F(PostApi, MalformedCryIsRefusedAndKeepsThePreviousUpload) {
+    for (const std::string& body :
+         {cry_head + std::string(15, 'P'), std::string(22, 'X'), cry_head.substr(0, 20)}) {
         expect_stamped_lines(post(upload + "&file=a.cry", body), {"Wrong format CRY-file"});
         EXPECT_EQ(cry_file_content, bytes_of("previous"));
         EXPECT_EQ(parser.get_status(), 3);
     }
 }
 
-TEST_F(PostApi, EmptyBodiesAndOtherCommandsDoNothing)
-{
+TEST_F(PostApi, EmptyBodiesAndOtherCommandsDoNothing) {
     for (const std::string target : {"/tuning/device?id=-1&configset", "/tuning/device?id=-1&cmd=4&f=a.cry",
                                      "/tuning/device?id=-1&cmd=71", "/tuning/device?id=-1&cmd=73"}) {
         EXPECT_EQ(post(target, ""), "") << target;
@@ -78,22 +83,21 @@ TEST_F(PostApi, EmptyBodiesAndOtherCommandsDoNothing)
     EXPECT_EQ(parser.get_status(), 3);
 }
 
-TEST_F(PostApi, UpperCaseCryIsAPlainConfigurationFile)
-{
+TEST_F(PostApi, UpperCaseCryIsAPlainConfigurationFile) {
     EXPECT_EQ(post(upload + "&file=firmware.CRY", cry_head + std::string(16, 'P')), "");
     EXPECT_EQ(cry_file_content, bytes_of("previous"));
     EXPECT_EQ(parser.get_status(), 10);  // set_status_10 with no port open
 }
 
-TEST_F(PostApi, UnknownTargetIsReported)
-{
-    for (const std::string target : {"/upload", "/tuning/device?id=-1&cmd=", "/tuning/device?id=-1&configset2"})
+TEST_F(PostApi, UnknownTargetIsReported) {
+    for (const std::string target :
+         {"/upload", "/tuning/device?id=-1&cmd=", "/tuning/device?id=-1&configset2"})
         expect_stamped_lines(post(target, "x"), {"POST UNKNOWN QUERY: " + target});
 }
 
-// Enciphers a ".cry" payload: the data and its CRC16 (low byte first) under the key text repeated to 32 bytes.
-std::vector<char> encrypt_payload(const std::string& plain, const std::string& key_text)
-{
+// Enciphers a ".cry" payload: the data and its CRC16 (low byte first) under the key text repeated to 32
+// bytes.
+std::vector<char> encrypt_payload(const std::string& plain, const std::string& key_text) {
     std::vector<uint8_t> buf(plain.begin(), plain.end());
     uint16_t crc = CryptoKey::CRC16(buf.data(), static_cast<int>(buf.size()));
     buf.insert(buf.end(), {static_cast<uint8_t>(crc & 0xFF), static_cast<uint8_t>(crc >> 8)});
@@ -105,8 +109,7 @@ std::vector<char> encrypt_payload(const std::string& plain, const std::string& k
     return std::vector<char>(buf.begin(), buf.end());
 }
 
-TEST_F(PostApi, DecryptNeedsDataKeyAndCipherAndWrapsAt16Bits)
-{
+TEST_F(PostApi, DecryptNeedsDataKeyAndCipherAndWrapsAt16Bits) {
     std::vector<char> data = bytes_of("12345678"), empty;
     std::string key = "pw1", no_key, out = "untouched";
     EXPECT_FALSE(decrypt_cry(data, no_key, out));

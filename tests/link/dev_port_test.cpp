@@ -24,8 +24,8 @@ using link_test::ScratchDir;
 TEST(DevPort, UnopenablePathIsReportedAndLeavesNoDevice) {
     ScratchDir scratch;
     const std::string paths[] = {
-        "/nonexistent/ttyUSB9",         // stty and open both fail
-        "/dev/ttyUSB0;touch pwned",     // never reaches a shell
+        "/nonexistent/ttyUSB9",      // stty and open both fail
+        "/dev/ttyUSB0;touch pwned",  // never reaches a shell
     };
     for (std::string path : paths) {
         testing::internal::CaptureStdout();

@@ -24,7 +24,9 @@ size_t count_of(const std::string& text, const std::string& part) {
     return n;
 }
 
-std::string frame_of(char* ready_made, size_t len) { return std::string(ready_made, len); }
+std::string frame_of(char* ready_made, size_t len) {
+    return std::string(ready_made, len);
+}
 
 // A console line with the time stamp "hh:mm:ss.mmm " in front of text.
 bool is_stamped_line(const std::string& line, const std::string& text) {
@@ -80,7 +82,11 @@ TEST_F(Exchange, ReaderCutsFramesAcrossChunks) {
         {"split in the header", {{"~00", ""}, {"07CXY\x7f", RECEIPT}}, ""},
         {"split in the payload", {{"~0007CX", ""}, {"Y", ""}, {"\x7f", RECEIPT}}, ""},
         {"stuffed bytes, split after the escape", {{"~0008C}", ""}, {">}=}?\x7f", RECEIPT}}, ""},
-        {"noise outside frames", {{"xyz~0007CXY\x7f" "abc", RECEIPT}}, ""},
+        {"noise outside frames",
+         {{"xyz~0007CXY\x7f"
+           "abc",
+           RECEIPT}},
+         ""},
         {"second start drops the first", {{"~0007CAB~0007CXY\x7f", RECEIPT}}, "dev packet loss!\n"},
         {"start split from its loss", {{"~0007CA", ""}, {"~0007CXY\x7f", RECEIPT}}, "dev packet loss!\n"},
         {"lone end byte", {{"\x7f", RECEIPT}}, "dev packet not contain start byte, packet loss!\n"},
@@ -153,9 +159,9 @@ TEST_F(Exchange, RestartAndNegativeReceiptsGoFirst) {
     parser.send_AN1 = true;
     parser.send_AN2 = true;
     parser.send_AN5 = true;
-    const std::string expected = frame_of(cmd_sf, cmd_sf_len) + frame_of(acknowledge_AN1, acknowledge_AN1_len) +
-                                 frame_of(acknowledge_AN2, acknowledge_AN2_len) +
-                                 frame_of(acknowledge_AN5, acknowledge_AN5_len);
+    const std::string expected =
+        frame_of(cmd_sf, cmd_sf_len) + frame_of(acknowledge_AN1, acknowledge_AN1_len) +
+        frame_of(acknowledge_AN2, acknowledge_AN2_len) + frame_of(acknowledge_AN5, acknowledge_AN5_len);
     for (int cycle = 0; cycle < 6; ++cycle) write_step();
     EXPECT_EQ("~0007FSF\x7f~0007AN1\x7f~0007AN2\x7f~0007AN5\x7f", expected);
     EXPECT_EQ(expected, panel_got(*panel_, expected.size()));
@@ -170,7 +176,10 @@ TEST_F(Exchange, UnacknowledgedBlockIsSentThreeTimesThenTheLinkRestarts) {
     ASSERT_EQ(1, bbqueue.add_bb_packet(block, sizeof block));
     bbqueue.start_flag = true;
     parser.fw_blocks_total = 1;
-    const std::string wire("~0010B\x84\x00" "a}>b\x7f", 13);
+    const std::string wire(
+        "~0010B\x84\x00"
+        "a}>b\x7f",
+        13);
 
     testing::internal::CaptureStdout();
     for (int cycle = 0; cycle < 3 * DEV_BUSY_CYCLES + 10; ++cycle) write_step();
@@ -233,7 +242,10 @@ TEST_F(Exchange, PasswordBlockOutcomeFollowsThePanelsReceipt) {
         content.reject_password = refuse;
         panel_->set_content(content);
         // Access-password block: 0x82 0x00 and 16 enciphered bytes (any will do here).
-        std::string payload("\x82\x00" "0123456789abcdef", 18);
+        std::string payload(
+            "\x82\x00"
+            "0123456789abcdef",
+            18);
         std::vector<char> frame;
         ASSERT_EQ(1, form_pk7_packet_binary('B', payload.data(), payload.size(), frame));
         queue.to_dev(frame);
@@ -241,7 +253,12 @@ TEST_F(Exchange, PasswordBlockOutcomeFollowsThePanelsReceipt) {
 
         write_step();
         EXPECT_TRUE(pass_block_written);
-        ASSERT_TRUE(wait_until([] { read_step(); return !dev_busy; }, 2000));
+        ASSERT_TRUE(wait_until(
+            [] {
+                read_step();
+                return !dev_busy;
+            },
+            2000));
         EXPECT_EQ(!refuse, parser.pass_accepted.load());
         EXPECT_EQ(refuse, queue.pass_rejected.load());
         EXPECT_FALSE(queue.pass_sent);
@@ -249,7 +266,12 @@ TEST_F(Exchange, PasswordBlockOutcomeFollowsThePanelsReceipt) {
         queue.cmd_to_dev(cmd_ls, cmd_ls_len);
         write_step();
         EXPECT_FALSE(pass_block_written);
-        ASSERT_TRUE(wait_until([] { read_step(); return !dev_busy; }, 2000));  // its receipt
+        ASSERT_TRUE(wait_until(
+            [] {
+                read_step();
+                return !dev_busy;
+            },
+            2000));  // its receipt
     }
 }
 

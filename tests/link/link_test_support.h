@@ -117,8 +117,10 @@ public:
         if (!thread_.joinable()) return true;
         is_exit = true;
         bool ended = wait_until([this] { return done_.load(); }, 3000);
-        if (ended) thread_.join();
-        else thread_.detach();
+        if (ended)
+            thread_.join();
+        else
+            thread_.detach();
         is_exit = false;
         return ended;
     }

@@ -9,7 +9,9 @@
 
 namespace {
 
-std::string as_string(const std::vector<char>& v) { return std::string(v.begin(), v.end()); }
+std::string as_string(const std::vector<char>& v) {
+    return std::string(v.begin(), v.end());
+}
 
 std::string repeat(const std::string& piece, int times) {
     std::string s;
@@ -49,12 +51,16 @@ TEST(Pk7Frame, BinaryFrameIsStuffedAfterTheLengthIsCounted) {
         {"", std::string("~0005B\x7f")},
         {std::string("\x7d\x7e\x7f", 3), std::string("~0008B}=}>}?\x7f")},
         {std::string("\x7c\x80\x00\x40", 4), std::string("~0009B\x7c\x80\x00\x40\x7f", 11)},
-        {std::string("a\x7e" "b", 3), std::string("~0008Ba}>b\x7f")},
+        {std::string("a\x7e"
+                     "b",
+                     3),
+         std::string("~0008Ba}>b\x7f")},
         {std::string(507, '\x7e'), "~0512B" + repeat("}>", 507) + "\x7f"},
     };
     for (Case& c : cases) {
         std::vector<char> out;
-        ASSERT_EQ(form_pk7_packet_binary('B', c.payload.data(), c.payload.size(), out), 1) << c.payload.size();
+        ASSERT_EQ(form_pk7_packet_binary('B', c.payload.data(), c.payload.size(), out), 1)
+            << c.payload.size();
         EXPECT_EQ(as_string(out), c.expected) << c.payload.size();
     }
     EXPECT_EQ(cases[4].expected.size(), 1u + 4 + 1 + 1014 + 1);
@@ -95,12 +101,18 @@ TEST(Pk7ReadyFrames, AreByteExactWithTheirLengths) {
         {"cmd_ep", cmd_ep, cmd_ep_len, "~0009FEP-?\x7f"},
         {"cmd_ad", cmd_ad, cmd_ad_len, "~0007FAD\x7f"},
         {"cmd_efx", cmd_efx, cmd_efx_len, "~0008FEF?\x7f"},
-        {"cmd_efxx", cmd_efxx, cmd_efxx_len, "~0009FEF?" "?\x7f"},
+        {"cmd_efxx", cmd_efxx, cmd_efxx_len,
+         "~0009FEF?"
+         "?\x7f"},
         {"cmd_eax", cmd_eax, cmd_eax_len, "~0008FEA?\x7f"},
-        {"cmd_eaxx", cmd_eaxx, cmd_eaxx_len, "~0009FEA?" "?\x7f"},
+        {"cmd_eaxx", cmd_eaxx, cmd_eaxx_len,
+         "~0009FEA?"
+         "?\x7f"},
         {"cmd_er", cmd_er, cmd_er_len, "~0007FER\x7f"},
         {"xxpgN_1", xxpgN_1, xxpgN_1_len, "~0012FXXPG?-1\x7f"},
-        {"xxpgNN_1", xxpgNN_1, xxpgNN_1_len, "~0013FXXPG?" "?-1\x7f"},
+        {"xxpgNN_1", xxpgNN_1, xxpgNN_1_len,
+         "~0013FXXPG?"
+         "?-1\x7f"},
         {"xxpg1_0", xxpg1_0, xxpg1_0_len, "~0012FXXPG1-0\x7f"},
         {"kkN_1", kkN_1, kkN_1_len, "~0010FKK?-1\x7f"},
         {"kkN_0", kkN_0, kkN_0_len, "~0010FKK?-0\x7f"},

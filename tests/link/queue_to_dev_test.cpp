@@ -13,7 +13,9 @@
 
 namespace {
 
-std::vector<char> frame_of(const std::string& s) { return std::vector<char>(s.begin(), s.end()); }
+std::vector<char> frame_of(const std::string& s) {
+    return std::vector<char>(s.begin(), s.end());
+}
 
 std::string head_of(Queue& q) {
     size_t len = 99;
@@ -215,7 +217,8 @@ TEST(Queue, ConcurrentProducersAndConsumerKeepEveryFrame) {
     int next_a = 0, next_b = 0, passes = 0;
     bool in_order = true;
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-    while ((next_a + next_b < 2 * per_producer || passes < 20) && std::chrono::steady_clock::now() < deadline) {
+    while ((next_a + next_b < 2 * per_producer || passes < 20) &&
+           std::chrono::steady_clock::now() < deadline) {
         std::vector<char> frame;
         if (!q.get_copy(frame)) {
             std::this_thread::yield();

@@ -1,32 +1,30 @@
 // Reply dispatch of the device image, firmware blocks and the port and disk lists.
+#include "model/dev_parser.h"
+
 #include <gtest/gtest.h>
 
 #include <cstdio>
 #include <cstdlib>
 
 #include "core/engine.h"
-#include "model/dev_parser.h"
 #include "model/model_test_support.h"
 
 namespace {
 
 // A well-formed frame body as the reader stores it: length digits, type, payload.
-std::string packet(char type, const std::string& payload)
-{
+std::string packet(char type, const std::string& payload) {
     char digits[8];
     snprintf(digits, sizeof digits, "0%03zu", payload.size() + 5);
     return std::string(digits) + type + payload;
 }
 
-std::string block(unsigned char kind, unsigned char number, const std::string& data)
-{
+std::string block(unsigned char kind, unsigned char number, const std::string& data) {
     return packet('B', std::string(1, static_cast<char>(kind)) + static_cast<char>(number) + data);
 }
 
 class DevParserTest : public testing::Test {
 protected:
-    void SetUp() override
-    {
+    void SetUp() override {
         ASSERT_TRUE(port.ok());
         parser.clear();
         parser.send_AN1 = parser.send_AN2 = parser.send_AN5 = false;
@@ -41,8 +39,7 @@ protected:
     void TearDown() override { send_re = false; }
 
     // Parses one packet and returns the console lines it printed.
-    std::vector<std::string> feed(const std::string& body)
-    {
+    std::vector<std::string> feed(const std::string& body) {
         std::vector<unsigned char> pkt = bytes_of(body);
         testing::internal::CaptureStdout();
         parser.parse_packet(pkt);
@@ -54,8 +51,7 @@ protected:
 
 using Lines = std::vector<std::string>;
 
-TEST_F(DevParserTest, MalformedHeadersAreReportedNotAcknowledged)
-{
+TEST_F(DevParserTest, MalformedHeadersAreReportedNotAcknowledged) {
     struct Case {
         std::string body;
         Lines console;
@@ -66,8 +62,18 @@ TEST_F(DevParserTest, MalformedHeadersAreReportedNotAcknowledged)
         {"000", {"Отсутсвует заголовок пакета"}, false, false, false, ""},
         {"1005L", {"Шифрование не поддерживается"}, false, false, true, ""},
         {"1005A", {"Шифрование не поддерживается"}, false, false, false, ""},
-        {"0009Lab", {"Несоответствие длины пакета: заявлено 9 байт, получено 7 байт"}, false, true, false, ""},
-        {"0005Lxyz", {"Несоответствие длины пакета: заявлено 5 байт, получено 8 байт"}, true, false, false, ""},
+        {"0009Lab",
+         {"Несоответствие длины пакета: заявлено 9 байт, получено 7 байт"},
+         false,
+         true,
+         false,
+         ""},
+        {"0005Lxyz",
+         {"Несоответствие длины пакета: заявлено 5 байт, получено 8 байт"},
+         true,
+         false,
+         false,
+         ""},
         {"0009A", {"Несоответствие длины пакета: заявлено 9 байт, получено 5 байт"}, false, false, false, ""},
         {"0006AN", {}, false, false, false, ""},
         {"0005L", {}, false, false, false, kReceiptOK},
@@ -85,8 +91,7 @@ TEST_F(DevParserTest, MalformedHeadersAreReportedNotAcknowledged)
     }
 }
 
-TEST_F(DevParserTest, NothingIsParsedWithoutAnOpenDevice)
-{
+TEST_F(DevParserTest, NothingIsParsedWithoutAnOpenDevice) {
     const int fd = USB;
     USB = 0;
     dev_busy = true;
@@ -96,8 +101,7 @@ TEST_F(DevParserTest, NothingIsParsedWithoutAnOpenDevice)
     USB = fd;
 }
 
-TEST_F(DevParserTest, ReceiptsReleaseTheLinkAndAnswerThePassword)
-{
+TEST_F(DevParserTest, ReceiptsReleaseTheLinkAndAnswerThePassword) {
     struct Case {
         std::string body;
         bool pass_block;
@@ -107,12 +111,9 @@ TEST_F(DevParserTest, ReceiptsReleaseTheLinkAndAnswerThePassword)
         bool accepted_after;
     };
     const Case cases[] = {
-        {"0005A", false, false, true, false, false},
-        {"0007AN3", false, true, false, true, false},
-        {"0007AN1", false, true, true, false, false},
-        {"0005A", true, false, false, false, true},
-        {"0007AN3", true, true, false, true, false},
-        {"0007AN2", true, true, false, false, false},
+        {"0005A", false, false, true, false, false},  {"0007AN3", false, true, false, true, false},
+        {"0007AN1", false, true, true, false, false}, {"0005A", true, false, false, false, true},
+        {"0007AN3", true, true, false, true, false},  {"0007AN2", true, true, false, false, false},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.body + (c.pass_block ? " after the password block" : ""));
@@ -133,8 +134,7 @@ TEST_F(DevParserTest, ReceiptsReleaseTheLinkAndAnswerThePassword)
     }
 }
 
-TEST_F(DevParserTest, ReceivedPacketsAreDumpedOnlyWhenTheirChannelIsOn)
-{
+TEST_F(DevParserTest, ReceivedPacketsAreDumpedOnlyWhenTheirChannelIsOn) {
     struct Case {
         bool* channel;
         std::string body;
@@ -158,8 +158,7 @@ TEST_F(DevParserTest, ReceivedPacketsAreDumpedOnlyWhenTheirChannelIsOn)
     }
 }
 
-TEST_F(DevParserTest, ReceiptAfterRestartCommandClosesTheLink)
-{
+TEST_F(DevParserTest, ReceiptAfterRestartCommandClosesTheLink) {
     send_re = true;
     parser.ready = true;
     parser.set_status(3);
@@ -172,8 +171,7 @@ TEST_F(DevParserTest, ReceiptAfterRestartCommandClosesTheLink)
     EXPECT_EQ(parser.get_ready_text(&StatusDevice::rupd), "0");
 }
 
-TEST_F(DevParserTest, EventBlocksAreCollectedInOrder)
-{
+TEST_F(DevParserTest, EventBlocksAreCollectedInOrder) {
     const std::string records(13, 'r');
     struct Step {
         std::string body;
@@ -202,8 +200,7 @@ TEST_F(DevParserTest, EventBlocksAreCollectedInOrder)
     }
 }
 
-TEST_F(DevParserTest, EventTransferOfNoRecordsLeavesProgressAlone)
-{
+TEST_F(DevParserTest, EventTransferOfNoRecordsLeavesProgressAlone) {
     parser.set_ready_text(&StatusDevice::msg, "7");
     EXPECT_EQ(feed(block(0x81, 0, std::string("\x00\x00", 2))), Lines{});
     EXPECT_EQ(parser.get_ready_text(&StatusDevice::msg), "7");
@@ -211,8 +208,7 @@ TEST_F(DevParserTest, EventTransferOfNoRecordsLeavesProgressAlone)
     EXPECT_EQ(port.read_all(), kReceiptOK);
 }
 
-TEST_F(DevParserTest, LogCountAndFirmwareResults)
-{
+TEST_F(DevParserTest, LogCountAndFirmwareResults) {
     struct Case {
         std::string body;
         Lines console;
@@ -247,8 +243,7 @@ TEST_F(DevParserTest, LogCountAndFirmwareResults)
     }
 }
 
-TEST_F(DevParserTest, FirmwareResultTwoClosesTheLink)
-{
+TEST_F(DevParserTest, FirmwareResultTwoClosesTheLink) {
     parser.cfg["td"] = {"td", "MD19"};
     const Lines expected = {"UNSTAMPED:Close device ", "Load coproc firmware success. Close connect device."};
     // The receipt went out before the close; the hang-up discards it from the pty.
@@ -258,8 +253,7 @@ TEST_F(DevParserTest, FirmwareResultTwoClosesTheLink)
     EXPECT_EQ(parser.get_status(), 1);
 }
 
-TEST_F(DevParserTest, ParseAllParsesEveryPacketAndEmptiesTheList)
-{
+TEST_F(DevParserTest, ParseAllParsesEveryPacketAndEmptiesTheList) {
     EXPECT_EQ(parser.parse_all(), 0);
     dev_busy = true;
     parser.packets = {bytes_of("0005L"), bytes_of("0005A"), bytes_of("0006Gx")};
@@ -278,8 +272,7 @@ struct QueuedBlock {
 };
 
 // Takes every frame off bbqueue, checking its framing and undoing the stuffing.
-std::vector<QueuedBlock> drain_bbqueue()
-{
+std::vector<QueuedBlock> drain_bbqueue() {
     std::vector<QueuedBlock> blocks;
     std::vector<char> frame;
     while (bbqueue.get_copy(frame)) {
@@ -292,13 +285,13 @@ std::vector<QueuedBlock> drain_bbqueue()
             body += frame[i] == 0x7D ? static_cast<char>(frame[++i] ^ 0x40) : frame[i];
         EXPECT_EQ(atoi(body.substr(0, 4).c_str()), static_cast<int>(body.size()));
         EXPECT_EQ(body[4], 'B');
-        blocks.push_back({static_cast<unsigned char>(body[5]), static_cast<unsigned char>(body[6]), body.substr(7)});
+        blocks.push_back(
+            {static_cast<unsigned char>(body[5]), static_cast<unsigned char>(body[6]), body.substr(7)});
     }
     return blocks;
 }
 
-TEST(FirmwareBlocks, ImageIsCutIntoNumberedBlocksWithEndMark)
-{
+TEST(FirmwareBlocks, ImageIsCutIntoNumberedBlocksWithEndMark) {
     struct Case {
         size_t size;
         int target;
@@ -337,8 +330,7 @@ TEST(FirmwareBlocks, ImageIsCutIntoNumberedBlocksWithEndMark)
     bbqueue.clear();
 }
 
-TEST(FirmwareBlocks, BlockNumbersWrapAfter255)
-{
+TEST(FirmwareBlocks, BlockNumbersWrapAfter255) {
     std::vector<char> image(256 * 257, 'f');
     parser.firmware_to_dev(1, image);
     const std::vector<QueuedBlock> got = drain_bbqueue();
@@ -352,8 +344,7 @@ TEST(FirmwareBlocks, BlockNumbersWrapAfter255)
 
 // ---- Port and disk lists -------------------------------------------------------
 
-TEST(PortList, EachTerminatedLineBecomesAQuotedItem)
-{
+TEST(PortList, EachTerminatedLineBecomesAQuotedItem) {
     const std::pair<std::string, std::string> cases[] = {
         {"", ""},
         {"/dev/ttyUSB0\n", "\"/dev/ttyUSB0\""},
@@ -361,8 +352,7 @@ TEST(PortList, EachTerminatedLineBecomesAQuotedItem)
         {"\n/dev/ttyACM0\n\n/dev/ttyACM1\n", "\"/dev/ttyACM0\",\"/dev/ttyACM1\""},
         {"/dev/ttyACM0\n/dev/ttyACM1", "\"/dev/ttyACM0\""},
     };
-    for (const auto& [ls, com] : cases)
-        EXPECT_EQ(ports_from_ls(ls), com) << ls;
+    for (const auto& [ls, com] : cases) EXPECT_EQ(ports_from_ls(ls), com) << ls;
 }
 
 // Captured from a workstation with a USB stick (two partitions) and a SATA disk.
@@ -373,8 +363,7 @@ const std::string kLsblk =
     "NAME=\"/dev/sdb1\" LABEL=\"STICK\" TRAN=\"\" TYPE=\"part\" MOUNTPOINT=\"/media/user/STICK\"\n"
     "NAME=\"/dev/sdb2\" LABEL=\"DATA\" TRAN=\"\" TYPE=\"part\" MOUNTPOINT=\"/media/user/DATA\"\n";
 
-TEST(DiskList, OnlyTheMountedFirstPartitionOfEachUsbDrive)
-{
+TEST(DiskList, OnlyTheMountedFirstPartitionOfEachUsbDrive) {
     const std::string open = "{\"result\":{\"disks\":[ ";
     const std::pair<std::string, std::string> cases[] = {
         {"", open + "]}}"},
@@ -395,8 +384,7 @@ TEST(DiskList, OnlyTheMountedFirstPartitionOfEachUsbDrive)
          "NAME=\"/dev/sdb1\" LABEL=\"\\xd0\\x94\\xd0\\xb0 a\\x5cb\" MOUNTPOINT=\"/media/my\\x20disk\"\n",
          open + "{\"name\":\"/media/my disk\",\"label\":\"Да a\\\\b\"}]}}"},
     };
-    for (const auto& [lsblk, json] : cases)
-        EXPECT_EQ(disks_from_lsblk(lsblk), json) << lsblk;
+    for (const auto& [lsblk, json] : cases) EXPECT_EQ(disks_from_lsblk(lsblk), json) << lsblk;
 }
 
 }  // namespace

@@ -1,6 +1,5 @@
 // Telemetry replies, the status record and its JSON, and the status number.
 #include <gtest/gtest.h>
-
 #include <pthread.h>
 
 #include <atomic>
@@ -23,65 +22,63 @@ struct Expect {
     std::string ident{}, date{}, time{}, ip{}, port{};
 };
 
-std::string status_json(const Expect& e)
-{
-    auto pair = [](const char* name, const std::string& value) { return "\"" + std::string(name) + "\":\"" + value + "\","; };
+std::string status_json(const Expect& e) {
+    auto pair = [](const char* name, const std::string& value) {
+        return "\"" + std::string(name) + "\":\"" + value + "\",";
+    };
     return "{\"result\":{" + pair("devtype", e.devtype) + pair("status", e.status) +
            "\"statusready\":{\"rcfg\":\"0\",\"rmsg\":\"0\",\"rlog\":\"0\",\"rupd\":\"0\"},"
            "\"progress\":{\"cfg\":\"0\",\"msg\":\"0\",\"log\":\"0\",\"logmax\":\"0\",\"upd\":\"0\"},"
            "\"update\":false,\"com\":[]," +
-           pair("sim", e.sim) + pair("gsm", e.gsm) + pair("server", e.server) + pair("power_mode", e.power_mode) +
-           pair("power_value", e.power_value) + pair("power_ext", e.power_ext) + pair("tamper", e.tamper) +
-           pair("t", e.t) + pair("balance", e.balance) + pair("modem", e.modem) + pair("xcpu", e.xcpu) +
-           pair("learnkey", e.learnkey) + "\"part\":[" + e.part + "],\"ext\":[" + e.ext + "],\"ok\":[" + e.ok +
-           "],\"lm\":[" + e.lm + "]," + pair("ident", e.ident) + pair("date", e.date) + pair("time", e.time) +
-           "\"temp_server\":{\"ip\":\"" + e.ip + "\",\"port\":\"" + e.port + "\"}}}";
+           pair("sim", e.sim) + pair("gsm", e.gsm) + pair("server", e.server) +
+           pair("power_mode", e.power_mode) + pair("power_value", e.power_value) +
+           pair("power_ext", e.power_ext) + pair("tamper", e.tamper) + pair("t", e.t) +
+           pair("balance", e.balance) + pair("modem", e.modem) + pair("xcpu", e.xcpu) +
+           pair("learnkey", e.learnkey) + "\"part\":[" + e.part + "],\"ext\":[" + e.ext + "],\"ok\":[" +
+           e.ok + "],\"lm\":[" + e.lm + "]," + pair("ident", e.ident) + pair("date", e.date) +
+           pair("time", e.time) + "\"temp_server\":{\"ip\":\"" + e.ip + "\",\"port\":\"" + e.port + "\"}}}";
 }
 
-std::string all_extenders(int in_list_one, int in_list_two)
-{
+std::string all_extenders(int in_list_one, int in_list_two) {
     std::string out;
     for (int i = 1; i <= 32; ++i) {
         const char* state = i == in_list_two ? "2" : i == in_list_one ? "1" : "0";
-        out += (i > 1 ? "," : "") + std::string("{\"N\":\"") + std::to_string(i) + "\",\"S\":\"" + state + "\",\"T\":\"\"}";
+        out += (i > 1 ? "," : "") + std::string("{\"N\":\"") + std::to_string(i) + "\",\"S\":\"" + state +
+               "\",\"T\":\"\"}";
     }
     return out;
 }
 
-std::string resistances(const std::string& r)
-{
+std::string resistances(const std::string& r) {
     std::string out;
     for (int i = 1; i <= 128; ++i)
-        out += (i > 1 ? "," : "") + std::string("{\"N\":\"") + std::to_string(i) + "\",\"S\":\"\",\"R\":\"" + r + "\"}";
+        out += (i > 1 ? "," : "") + std::string("{\"N\":\"") + std::to_string(i) + "\",\"S\":\"\",\"R\":\"" +
+               r + "\"}";
     return out;
 }
 
 class StatusTest : public testing::Test {
 protected:
-    void SetUp() override
-    {
+    void SetUp() override {
         parser.clear();
         parser.ready = false;
         parser.status_dev.com.clear();
     }
 
-    void telemetry(const std::string& text)
-    {
+    void telemetry(const std::string& text) {
         std::vector<unsigned char> reply = bytes_of("0000L" + text);
         parser.parse_tmt(reply, 5);
         parser.tmt_to_status_dev();
     }
 
-    std::string json()
-    {
+    std::string json() {
         std::string out = "stale";
         parser.status_to_json(out);
         return out;
     }
 };
 
-TEST_F(StatusTest, TelemetryLinesBecomeStatusJson)
-{
+TEST_F(StatusTest, TelemetryLinesBecomeStatusJson) {
     struct Case {
         std::string lines;
         Expect expect;
@@ -122,8 +119,7 @@ TEST_F(StatusTest, TelemetryLinesBecomeStatusJson)
     }
 }
 
-TEST_F(StatusTest, DevtypeInOtherCaseDoesNotReinitialise)
-{
+TEST_F(StatusTest, DevtypeInOtherCaseDoesNotReinitialise) {
     telemetry("+tmt00-1.md14\r\n");
     EXPECT_EQ(parser.cfg["td"], std::make_pair(std::string("td"), std::string("MD14")));
     EXPECT_EQ(parser.status_dev.lm.size(), 128u);
@@ -138,8 +134,7 @@ TEST_F(StatusTest, DevtypeInOtherCaseDoesNotReinitialise)
     EXPECT_EQ(parser.cfg["td"].second, "MD15");
 }
 
-TEST_F(StatusTest, ModeDecidesTheReadyFlagAndStatus)
-{
+TEST_F(StatusTest, ModeDecidesTheReadyFlagAndStatus) {
     struct Case {
         int status_before;
         bool ready_before;
@@ -149,12 +144,9 @@ TEST_F(StatusTest, ModeDecidesTheReadyFlagAndStatus)
         bool ready_after;
     };
     const Case cases[] = {
-        {3, true, "+tmt00-0\r\n", 1, 2, false},
-        {5, true, "+tmt00-2.md19\r\n", 1, 2, false},
-        {1, false, "+tmt00-1\r\n", 1, 3, true},
-        {2, false, "+tmt00-1\r\n", 2, 3, true},
-        {5, false, "+tmt00-1\r\n", 5, 5, true},
-        {1, false, "+tmt04-1\r\n", 1, 2, false},
+        {3, true, "+tmt00-0\r\n", 1, 2, false}, {5, true, "+tmt00-2.md19\r\n", 1, 2, false},
+        {1, false, "+tmt00-1\r\n", 1, 3, true}, {2, false, "+tmt00-1\r\n", 2, 3, true},
+        {5, false, "+tmt00-1\r\n", 5, 5, true}, {1, false, "+tmt04-1\r\n", 1, 2, false},
         {1, true, "+tmt04-1\r\n", 1, 3, true},
     };
     for (const Case& c : cases) {
@@ -170,8 +162,7 @@ TEST_F(StatusTest, ModeDecidesTheReadyFlagAndStatus)
     }
 }
 
-TEST_F(StatusTest, FieldsKeepTheirLastValueUntilCleared)
-{
+TEST_F(StatusTest, FieldsKeepTheirLastValueUntilCleared) {
     telemetry("+tmt04-1\r\n+tmt10-0.1\r\n");
     telemetry("+tmt12-5\r\n");
     EXPECT_EQ(json(), status_json({.server = "ON", .tamper = "OFF", .t = "5"}));
@@ -181,8 +172,7 @@ TEST_F(StatusTest, FieldsKeepTheirLastValueUntilCleared)
     EXPECT_EQ(json(), status_json({.status = "1"}));
 }
 
-TEST_F(StatusTest, StatusTenDependsOnPortAndReadyFlag)
-{
+TEST_F(StatusTest, StatusTenDependsOnPortAndReadyFlag) {
     struct Case {
         bool port_open;
         bool ready;
@@ -191,8 +181,7 @@ TEST_F(StatusTest, StatusTenDependsOnPortAndReadyFlag)
     const Case cases[] = {{false, false, 10}, {false, true, 10}, {true, false, 2}, {true, true, 3}};
     for (const Case& c : cases) {
         PtyPort port;
-        if (!c.port_open)
-            USB = 0;
+        if (!c.port_open) USB = 0;
         parser.ready = c.ready;
         parser.set_status_10();
         EXPECT_EQ(parser.get_status(), c.status) << c.port_open << c.ready;
@@ -200,8 +189,7 @@ TEST_F(StatusTest, StatusTenDependsOnPortAndReadyFlag)
     }
 }
 
-TEST_F(StatusTest, StatusBelowThreeClearsTheReadyFlag)
-{
+TEST_F(StatusTest, StatusBelowThreeClearsTheReadyFlag) {
     for (int s : {0, 1, 2, 3, 4, 8, 11}) {
         parser.ready = true;
         parser.set_status(s);
@@ -210,8 +198,7 @@ TEST_F(StatusTest, StatusBelowThreeClearsTheReadyFlag)
     }
 }
 
-TEST_F(StatusTest, TelemetryReplyIsAcknowledgedAndShown)
-{
+TEST_F(StatusTest, TelemetryReplyIsAcknowledgedAndShown) {
     PtyPort port;
     ASSERT_TRUE(port.ok());
     std::string body = "+tmt00-1.md01\r\n+tmt04-1\r\n";
@@ -225,8 +212,7 @@ TEST_F(StatusTest, TelemetryReplyIsAcknowledgedAndShown)
 
 // The HTTP thread renders the status and reads the texts while the device
 // thread converts telemetry and writes them; run under ThreadSanitizer.
-TEST_F(StatusTest, StatusIsReadSafelyWhileTelemetryArrives)
-{
+TEST_F(StatusTest, StatusIsReadSafelyWhileTelemetryArrives) {
     std::atomic<bool> done{false};
     pthread_t device;
     auto device_thread = [](void* arg) -> void* {
@@ -237,8 +223,7 @@ TEST_F(StatusTest, StatusIsReadSafelyWhileTelemetryArrives)
             parser.parse_tmt(reply, 5);
             parser.tmt_to_status_dev();
             parser.set_ready_text(&StatusDevice::msg, std::to_string(i));
-            if (i % 50 == 0)
-                parser.clear();
+            if (i % 50 == 0) parser.clear();
         }
         *finished = true;
         return nullptr;

@@ -4,6 +4,7 @@
 
 #include <arpa/inet.h>
 #include <fcntl.h>
+#include <gtest/gtest.h>
 #include <netinet/in.h>
 #include <poll.h>
 #include <signal.h>
@@ -12,8 +13,6 @@
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
-
-#include <gtest/gtest.h>
 
 #include <chrono>
 #include <cstdlib>
@@ -171,7 +170,8 @@ inline std::string read_to_close(const Fd& fd, double seconds = 10) {
     std::string text;
     auto deadline = Clock::now() + std::chrono::duration<double>(seconds);
     for (;;) {
-        int left = static_cast<int>(std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now()).count());
+        int left = static_cast<int>(
+            std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now()).count());
         pollfd p{fd.get(), POLLIN, 0};
         if (left <= 0 || poll(&p, 1, left) <= 0) return text + "<timed out>";
         char buf[4096];

@@ -12,8 +12,7 @@
 namespace {
 
 // glibc's own conversion, used as an independent reference.
-std::string iconv_convert(const char* to, const char* from, const std::string& in, bool* ok)
-{
+std::string iconv_convert(const char* to, const char* from, const std::string& in, bool* ok) {
     iconv_t cd = iconv_open(to, from);
     EXPECT_NE(cd, reinterpret_cast<iconv_t>(-1));
     std::string src = in;
@@ -29,24 +28,19 @@ std::string iconv_convert(const char* to, const char* from, const std::string& i
     return dst;
 }
 
-uint32_t decode_utf8(const std::string& s)
-{
+uint32_t decode_utf8(const std::string& s) {
     auto b = [&](size_t i) { return static_cast<uint32_t>(static_cast<unsigned char>(s[i])); };
-    if (s.size() == 1)
-        return b(0);
-    if (s.size() == 2)
-        return ((b(0) & 0x1F) << 6) | (b(1) & 0x3F);
+    if (s.size() == 1) return b(0);
+    if (s.size() == 2) return ((b(0) & 0x1F) << 6) | (b(1) & 0x3F);
     return ((b(0) & 0x0F) << 12) | ((b(1) & 0x3F) << 6) | (b(2) & 0x3F);
 }
 
-std::string to_utf8(const std::string& cp1251)
-{
+std::string to_utf8(const std::string& cp1251) {
     std::unique_ptr<char, decltype(&free)> out(cp1251_to_utf8(cp1251.c_str()), &free);
     return out.get();
 }
 
-std::string to_cp1251(const std::string& utf8)
-{
+std::string to_cp1251(const std::string& utf8) {
     std::unique_ptr<char, decltype(&free)> out(utf8_to_cp1251(utf8.c_str()), &free);
     return out.get();
 }
@@ -56,8 +50,7 @@ struct Utf2cpResult {
     std::string out;
 };
 
-Utf2cpResult run_utf2cp(const std::string& in, int len)
-{
+Utf2cpResult run_utf2cp(const std::string& in, int len) {
     std::vector<char> out(in.size() + 1, '\x55');
     int rc = utf2cp(in.c_str(), out.data(), len);
     return {rc, out.data()};
@@ -68,8 +61,7 @@ const std::vector<unsigned char> kDroppedBytes = {0x82, 0x84, 0x85, 0x86, 0x87, 
 
 }  // namespace
 
-TEST(Cp1251ToUtf8, EveryByteMatchesIconvExceptDeliberateLosses)
-{
+TEST(Cp1251ToUtf8, EveryByteMatchesIconvExceptDeliberateLosses) {
     std::vector<unsigned char> dropped;
     for (int byte = 1; byte < 256; ++byte) {
         std::string in(1, static_cast<char>(byte));
@@ -94,8 +86,7 @@ TEST(Cp1251ToUtf8, EveryByteMatchesIconvExceptDeliberateLosses)
     EXPECT_EQ(dropped, kDroppedBytes);
 }
 
-TEST(Cp1251ToUtf8, WholeTextDropsLossesAndStopsAt0x98)
-{
+TEST(Cp1251ToUtf8, WholeTextDropsLossesAndStopsAt0x98) {
     struct Case {
         std::string in;
         std::string want;
@@ -104,22 +95,23 @@ TEST(Cp1251ToUtf8, WholeTextDropsLossesAndStopsAt0x98)
         {"", ""},
         {"\xCF\xF0\xE8\xE2\xE5\xF2", "\xD0\x9F\xD1\x80\xD0\xB8\xD0\xB2\xD0\xB5\xD1\x82"},  // "Привет"
         {"\x96", ""},
-        {"a\x96" "b\xB9" "1", "ab1"},
-        {"a\x98" "b", "a"},
+        {"a\x96"
+         "b\xB9"
+         "1",
+         "ab1"},
+        {"a\x98"
+         "b",
+         "a"},
         {"\xA8\xB8\x80\x81", "\xD0\x81\xD1\x91\xD0\x82\xD0\x83"},
         {"\xA0\xA4", "\xC2\xA0\xC2\xA4"},
     };
-    for (const Case& c : cases)
-        EXPECT_EQ(to_utf8(c.in), c.want) << c.in;
+    for (const Case& c : cases) EXPECT_EQ(to_utf8(c.in), c.want) << c.in;
 }
 
-TEST(Utf8ToCp1251, LettersAndCyrillicMatchIconv)
-{
+TEST(Utf8ToCp1251, LettersAndCyrillicMatchIconv) {
     std::vector<unsigned char> bytes = {0x80, 0x81};
-    for (const cp_letter& letter : g_letters)
-        bytes.push_back(static_cast<unsigned char>(letter.cp1251));
-    for (int b = 0xC0; b <= 0xFF; ++b)
-        bytes.push_back(static_cast<unsigned char>(b));
+    for (const cp_letter& letter : g_letters) bytes.push_back(static_cast<unsigned char>(letter.cp1251));
+    for (int b = 0xC0; b <= 0xFF; ++b) bytes.push_back(static_cast<unsigned char>(b));
 
     for (unsigned char byte : bytes) {
         bool ok = false;
@@ -136,21 +128,20 @@ TEST(Utf8ToCp1251, LettersAndCyrillicMatchIconv)
     }
 }
 
-TEST(Utf8ToCp1251, LetterTableAgreesWithIconv)
-{
+TEST(Utf8ToCp1251, LetterTableAgreesWithIconv) {
     ASSERT_EQ(g_letters[0].cp1251, 0x82u);
     ASSERT_EQ(g_letters[60].cp1251, 0xBFu);
     for (const cp_letter& letter : g_letters) {
         bool ok = false;
-        std::string utf8 = iconv_convert("UTF-8", "CP1251", std::string(1, static_cast<char>(letter.cp1251)), &ok);
+        std::string utf8 =
+            iconv_convert("UTF-8", "CP1251", std::string(1, static_cast<char>(letter.cp1251)), &ok);
         ASSERT_TRUE(ok);
         EXPECT_EQ(letter.unicode, decode_utf8(utf8)) << std::hex << letter.cp1251;
         EXPECT_EQ(letter.unicode, cp2utf::utf[letter.cp1251]);
     }
 }
 
-TEST(Utf8ToCp1251, RefusalKeepsConvertedPrefix)
-{
+TEST(Utf8ToCp1251, RefusalKeepsConvertedPrefix) {
     struct Case {
         std::string in;
         int len;
@@ -163,17 +154,21 @@ TEST(Utf8ToCp1251, RefusalKeepsConvertedPrefix)
         {"abc", -5, 1, ""},
         {"abc", 2, 1, "ab"},
         {std::string("ab\0cd", 5), 5, 1, "ab"},
-        {"\xD0\x9F\xD1\x80", 4, 1, "\xCF\xF0"},        // "Пр"
-        {"\xD0\x81", 2, 1, "\xA8"},                    // Ё from the letter table
-        {"\xC3\x83", 2, 1, "\xC3"},                    // Ã passes through as Latin-1
-        {"\xD0\x82\xD0\x83", 4, 1, "\x80\x81"},        // Ђ Ѓ
-        {"a\xE2\x80\x93" "b", 5, 0, "a"},              // en dash: three bytes refused
-        {"x\xE2\x84\x96", 4, 0, "x"},                  // numero sign, in the table but refused
-        {"\xD0\x9F\xF0\x9F\x98\x80", 6, 0, "\xCF"},    // four-byte sequence
-        {"ok\xC8\x80", 4, 0, "ok"},                    // U+0200: no CP1251 byte
-        {"ok\xD0", 3, 0, "ok"},                        // lone lead at the end
-        {"\xD0\x9F\xD1\x80", 3, 0, "\xCF"},            // len cuts a sequence
-        {"\xD0" "A", 2, 1, "\xA8"},                    // second byte taken unchecked: U+0401
+        {"\xD0\x9F\xD1\x80", 4, 1, "\xCF\xF0"},  // "Пр"
+        {"\xD0\x81", 2, 1, "\xA8"},              // Ё from the letter table
+        {"\xC3\x83", 2, 1, "\xC3"},              // Ã passes through as Latin-1
+        {"\xD0\x82\xD0\x83", 4, 1, "\x80\x81"},  // Ђ Ѓ
+        {"a\xE2\x80\x93"
+         "b",
+         5, 0, "a"},                                 // en dash: three bytes refused
+        {"x\xE2\x84\x96", 4, 0, "x"},                // numero sign, in the table but refused
+        {"\xD0\x9F\xF0\x9F\x98\x80", 6, 0, "\xCF"},  // four-byte sequence
+        {"ok\xC8\x80", 4, 0, "ok"},                  // U+0200: no CP1251 byte
+        {"ok\xD0", 3, 0, "ok"},                      // lone lead at the end
+        {"\xD0\x9F\xD1\x80", 3, 0, "\xCF"},          // len cuts a sequence
+        {"\xD0"
+         "A",
+         2, 1, "\xA8"},  // second byte taken unchecked: U+0401
     };
     for (const Case& c : cases) {
         std::string in = c.in;
@@ -184,8 +179,7 @@ TEST(Utf8ToCp1251, RefusalKeepsConvertedPrefix)
     EXPECT_EQ(to_cp1251("\xD0\xB0\xE2\x80\x94"), "\xE0");
 }
 
-TEST(Utf8ToCp1251, NeverReadsBeyondLen)
-{
+TEST(Utf8ToCp1251, NeverReadsBeyondLen) {
     // Exactly sized heap buffers without a terminator: the sanitizer build
     // catches any read past the end.
     const std::vector<std::string> inputs = {"\xD0", "a\xC3", "\xD0\x9F"};
@@ -200,8 +194,7 @@ TEST(Utf8ToCp1251, NeverReadsBeyondLen)
     EXPECT_EQ(std::string(out.data()), "\xCF");
 }
 
-TEST(EscapeDecoding, BackslashAndPercentEscapes)
-{
+TEST(EscapeDecoding, BackslashAndPercentEscapes) {
     struct Case {
         std::string in;
         std::string backslash;
@@ -233,8 +226,7 @@ TEST(EscapeDecoding, BackslashAndPercentEscapes)
     }
 }
 
-TEST(JsonEscaping, EscapeAndUnescape)
-{
+TEST(JsonEscaping, EscapeAndUnescape) {
     struct Case {
         std::string in;
         std::string want;
@@ -250,14 +242,8 @@ TEST(JsonEscaping, EscapeAndUnescape)
         EXPECT_EQ(json_escape(in), c.want) << c.in;
     }
     const Case unescapes[] = {
-        {"", ""},
-        {"\\", "\\"},
-        {"a", "a"},
-        {"a\\\"\\\\", "a\"\\"},
-        {"ab\\", "ab\\"},
-        {"\\n", "\\n"},
-        {"\\\\\\", "\\\\"},
-        {"x\\\"", "x\""},
+        {"", ""},         {"\\", "\\"},   {"a", "a"},         {"a\\\"\\\\", "a\"\\"},
+        {"ab\\", "ab\\"}, {"\\n", "\\n"}, {"\\\\\\", "\\\\"}, {"x\\\"", "x\""},
     };
     for (const Case& c : unescapes) {
         std::string in = c.in;
@@ -265,20 +251,15 @@ TEST(JsonEscaping, EscapeAndUnescape)
     }
 }
 
-TEST(EraseAll, SkipsAfterFirstHit)
-{
+TEST(EraseAll, SkipsAfterFirstHit) {
     struct Case {
         std::string in;
         char c;
         std::string want;
     };
     const Case cases[] = {
-        {"abXcdXeX", 'X', "abcdeX"},
-        {"XXXa", 'X', "a"},
-        {"", 'X', ""},
-        {"abc", 'X', "abc"},
-        {"aXXb", 'X', "ab"},
-        {"1,2,3,4,5", ',', "1234,5"},
+        {"abXcdXeX", 'X', "abcdeX"}, {"XXXa", 'X', "a"},  {"", 'X', ""},
+        {"abc", 'X', "abc"},         {"aXXb", 'X', "ab"}, {"1,2,3,4,5", ',', "1234,5"},
     };
     for (const Case& c : cases) {
         std::string s = c.in;

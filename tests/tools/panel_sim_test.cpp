@@ -1,5 +1,7 @@
 // The panel simulator: its replies byte for byte, the program's interface, and
 // the engine reading configuration, logs and events from it.
+#include "panel_sim.h"
+
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <poll.h>
@@ -16,7 +18,6 @@
 #include "link/link_test_support.h"
 #include "link/pk7.h"
 #include "panel_content.h"
-#include "panel_sim.h"
 #include "support/run_program.h"
 
 extern char** environ;
@@ -56,8 +57,12 @@ TEST(PanelContent, LogRepliesCountThenPortionsWithEndMark) {
     content.max_text_payload = 20;
     using Reply = std::pair<char, std::string>;
     EXPECT_EQ((std::vector<Reply>{{'F', "TL-2"},
-                                  {'G', std::string("\0" "5F5E1000::ER::x\0", 17)},
-                                  {'G', std::string("\1" "5F5E1010::MS::y\0", 17)}}),
+                                  {'G', std::string("\0"
+                                                    "5F5E1000::ER::x\0",
+                                                    17)},
+                                  {'G', std::string("\1"
+                                                    "5F5E1010::MS::y\0",
+                                                    17)}}),
               log_replies(content));
     content.log_records.clear();
     EXPECT_EQ((std::vector<Reply>{{'F', "TL-0"}}), log_replies(content));
@@ -66,10 +71,15 @@ TEST(PanelContent, LogRepliesCountThenPortionsWithEndMark) {
 TEST(PanelContent, EventsGoAsFirstDataAndEmptyEndBlocks) {
     PanelContent content;
     content.events = {{0x5F5E1000, 7, 110, 1, 3, 2, 4, 0x21}};
-    const std::string record("\x00\x10\x5e\x5f" "\x07\x00\x00\x00" "\x6e\x00" "\x01\x03\x02\x04\x21", 15);
+    const std::string record(
+        "\x00\x10\x5e\x5f"
+        "\x07\x00\x00\x00"
+        "\x6e\x00"
+        "\x01\x03\x02\x04\x21",
+        15);
     EXPECT_EQ(record, event_record_bytes(content.events[0]));
-    EXPECT_EQ((std::vector<std::string>{std::string("\x81\x00\x01\x00", 4), std::string("\x01\x01", 2) + record,
-                                        std::string("\x01\x02", 2)}),
+    EXPECT_EQ((std::vector<std::string>{std::string("\x81\x00\x01\x00", 4),
+                                        std::string("\x01\x01", 2) + record, std::string("\x01\x02", 2)}),
               event_block_payloads(content));
 }
 
@@ -121,7 +131,8 @@ TEST(PanelSimLibrary, AnswersAsAPanelAndMisbehavesOnRequest) {
         {"plain command", "~0007FLS\x7f", receipt},
         {"password block", sim_frame('B', pass_block), receipt},
         {"empty firmware image", sim_frame('B', end_block), receipt + sim_frame('F', "UR0-1")},
-        {"second target", sim_frame('B', std::string("\x83\x00\x01", 3)) + sim_frame('B', std::string("\x03\x01", 2)),
+        {"second target",
+         sim_frame('B', std::string("\x83\x00\x01", 3)) + sim_frame('B', std::string("\x03\x01", 2)),
          receipt + receipt + sim_frame('F', "UR1-1")},
     };
     for (const Case& c : cases) {
@@ -147,7 +158,8 @@ TEST(PanelSimProgram, PrintsItsTerminalAndEndsOnSignal) {
     posix_spawn_file_actions_addclose(&actions, out[0]);
     const char* argv[] = {VORPANEL_SIM_BINARY, "--no-link", "--telemetry-ms", "0", nullptr};
     pid_t pid = -1;
-    ASSERT_EQ(0, posix_spawn(&pid, VORPANEL_SIM_BINARY, &actions, nullptr, const_cast<char**>(argv), environ));
+    ASSERT_EQ(0,
+              posix_spawn(&pid, VORPANEL_SIM_BINARY, &actions, nullptr, const_cast<char**>(argv), environ));
     posix_spawn_file_actions_destroy(&actions);
     close(out[1]);
 

@@ -43,8 +43,8 @@ std::vector<std::string> pack_lines(const std::vector<std::string>& lines, size_
 PanelContent PanelContent::standard() {
     PanelContent content;
     content.config_lines = {
-        "SVMS02 v3.14", "td-ms02",   "zn1-5",         "zn2-5",     "zn3:8-1",
-        "ks1-07",       "cs1-1234",  "rl1-1.30",      "ws-Vorlane", "ss1-\"Hall\".2",
+        "SVMS02 v3.14", "td-ms02",  "zn1-5",    "zn2-5",      "zn3:8-1",
+        "ks1-07",       "cs1-1234", "rl1-1.30", "ws-Vorlane", "ss1-\"Hall\".2",
     };
     content.log_records = {
         "5F5E1000::ER::Battery low",
@@ -76,7 +76,9 @@ std::string sim_frame(char type, const std::string& payload) {
     return frame;
 }
 
-std::string sim_receipt() { return sim_frame('A', ""); }
+std::string sim_receipt() {
+    return sim_frame('A', "");
+}
 
 std::string telemetry_payload(const PanelContent& content) {
     time_t clock = content.clock != 0 ? content.clock : time(nullptr);

@@ -22,16 +22,16 @@ struct SimEvent {
 
 // The panel's memory: what it reports when asked.
 struct PanelContent {
-    bool ready = true;               // telemetry mode 1 (ready) or 0
-    std::string devtype = "ms02";    // device type in telemetry
-    std::string gsm = "87";          // signal level, percent
-    time_t clock = 0;                // panel clock; 0 means the host's time
+    bool ready = true;                      // telemetry mode 1 (ready) or 0
+    std::string devtype = "ms02";           // device type in telemetry
+    std::string gsm = "87";                 // signal level, percent
+    time_t clock = 0;                       // panel clock; 0 means the host's time
     std::vector<std::string> config_lines;  // setting lines, without bc/ec
     std::vector<std::string> log_records;   // "hex time::code::text"
     std::vector<SimEvent> events;
-    char firmware_result = '1';      // r of the "UR<d>-<r>" report
-    bool reject_password = false;    // answer the password block with "AN3"
-    size_t max_text_payload = 200;   // text replies are cut into frames of at most this
+    char firmware_result = '1';     // r of the "UR<d>-<r>" report
+    bool reject_password = false;   // answer the password block with "AN3"
+    size_t max_text_payload = 200;  // text replies are cut into frames of at most this
 
     // A small but complete panel: settings, three log records, three events.
     static PanelContent standard();

@@ -10,8 +10,8 @@
 
 #include <cerrno>
 #include <climits>
-#include <cstring>
 #include <cstdio>
+#include <cstring>
 #include <iostream>
 
 namespace {
@@ -25,9 +25,12 @@ constexpr size_t GARBAGE_LEN = 16;
 std::string printable(const std::string& bytes) {
     std::string out;
     for (unsigned char c : bytes) {
-        if (c == 0x7E) out += "<START>";
-        else if (c == 0x7F) out += "<END>";
-        else if (c >= 0x20 && c < 0x7E) out += static_cast<char>(c);
+        if (c == 0x7E)
+            out += "<START>";
+        else if (c == 0x7F)
+            out += "<END>";
+        else if (c >= 0x20 && c < 0x7E)
+            out += static_cast<char>(c);
         else {
             char hex[8];
             std::snprintf(hex, sizeof hex, "<%02x>", c);
@@ -37,7 +40,9 @@ std::string printable(const std::string& bytes) {
     return out;
 }
 
-bool starts_with(const std::string& text, const char* prefix) { return text.rfind(prefix, 0) == 0; }
+bool starts_with(const std::string& text, const char* prefix) {
+    return text.rfind(prefix, 0) == 0;
+}
 
 }  // namespace
 
@@ -50,7 +55,9 @@ PanelSim::PanelSim(PanelSimOptions options)
       telemetry_ms_(options_.telemetry_ms),
       content_(options_.content) {}
 
-PanelSim::~PanelSim() { stop(); }
+PanelSim::~PanelSim() {
+    stop();
+}
 
 bool PanelSim::start() {
     if (running_) return true;
@@ -88,7 +95,7 @@ void PanelSim::stop() {
 
 void PanelSim::make_link() {
     if (!options_.make_link || geteuid() != 0) return;
-    struct stat existing{};
+    struct stat existing {};
     if (lstat(PANEL_SIM_LINK, &existing) == 0) {
         if (!S_ISLNK(existing.st_mode)) return;  // a real device of that name: leave it
         unlink(PANEL_SIM_LINK);                  // left over from a simulator that was killed
@@ -119,9 +126,13 @@ PanelContent PanelSim::content() {
     return content_;
 }
 
-void PanelSim::send_raw(const std::string& bytes) { queue_bytes(bytes, Clock::now()); }
+void PanelSim::send_raw(const std::string& bytes) {
+    queue_bytes(bytes, Clock::now());
+}
 
-void PanelSim::send_frame(char type, const std::string& payload) { queue_frame(sim_frame(type, payload)); }
+void PanelSim::send_frame(char type, const std::string& payload) {
+    queue_frame(sim_frame(type, payload));
+}
 
 std::vector<SimFrame> PanelSim::received() {
     std::lock_guard<std::mutex> lock(in_mutex_);
@@ -274,7 +285,9 @@ std::string PanelSim::garbage() {
     return junk;
 }
 
-void PanelSim::send_telemetry() { queue_frame(sim_frame('L', telemetry_payload(content()))); }
+void PanelSim::send_telemetry() {
+    queue_frame(sim_frame('L', telemetry_payload(content())));
+}
 
 void PanelSim::run() {
     auto started = Clock::now();

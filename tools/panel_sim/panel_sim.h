@@ -24,14 +24,14 @@
 #include "panel_content.h"
 
 struct PanelSimOptions {
-    bool make_link = true;        // as root: /dev/ttyUSB-SIM -> the pty slave
-    int telemetry_ms = 1000;      // telemetry period; 0: only after "SF"
-    bool silent = false;          // answer nothing, send nothing
-    bool block_ack = true;        // acknowledge "B" frames
-    bool garbage = false;         // send line noise with every telemetry period
-    bool split = false;           // write every frame in two parts
-    int split_delay_ms = 250;     // pause between the two parts (beyond one engine read)
-    int hangup_after_ms = 0;      // close the pty master after this long; 0: never
+    bool make_link = true;     // as root: /dev/ttyUSB-SIM -> the pty slave
+    int telemetry_ms = 1000;   // telemetry period; 0: only after "SF"
+    bool silent = false;       // answer nothing, send nothing
+    bool block_ack = true;     // acknowledge "B" frames
+    bool garbage = false;      // send line noise with every telemetry period
+    bool split = false;        // write every frame in two parts
+    int split_delay_ms = 250;  // pause between the two parts (beyond one engine read)
+    int hangup_after_ms = 0;   // close the pty master after this long; 0: never
     PanelContent content = PanelContent::standard();
 };
 

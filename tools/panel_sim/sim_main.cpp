@@ -46,14 +46,22 @@ int parse_options(int argc, char** argv, PanelSimOptions& options, bool& verbose
         std::string arg = argv[i];
         const char* next = i + 1 < argc ? argv[i + 1] : nullptr;
         if (arg == "--help") return 0;
-        if (arg == "--no-link") options.make_link = false;
-        else if (arg == "--silent") options.silent = true;
-        else if (arg == "--no-block-ack") options.block_ack = false;
-        else if (arg == "--garbage") options.garbage = true;
-        else if (arg == "--split") options.split = true;
-        else if (arg == "--verbose") verbose = true;
-        else if (arg == "--telemetry-ms" && read_number(next, options.telemetry_ms)) ++i;
-        else if (arg == "--hangup-after-ms" && read_number(next, options.hangup_after_ms)) ++i;
+        if (arg == "--no-link")
+            options.make_link = false;
+        else if (arg == "--silent")
+            options.silent = true;
+        else if (arg == "--no-block-ack")
+            options.block_ack = false;
+        else if (arg == "--garbage")
+            options.garbage = true;
+        else if (arg == "--split")
+            options.split = true;
+        else if (arg == "--verbose")
+            verbose = true;
+        else if (arg == "--telemetry-ms" && read_number(next, options.telemetry_ms))
+            ++i;
+        else if (arg == "--hangup-after-ms" && read_number(next, options.hangup_after_ms))
+            ++i;
         else {
             std::cerr << "vorpanel-sim: bad option " << arg << "\n" << usage;
             return -1;
