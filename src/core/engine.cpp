@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <memory>
 
+#include "core/shell.h"
 #include "crypto/CryptoKey.h"
 #include "http/http_server.h"
 #include "link/dev_port.h"
@@ -21,10 +22,6 @@ pthread_mutex_t http_mutex = PTHREAD_MUTEX_INITIALIZER;
 pthread_mutex_t cout_mutex = PTHREAD_MUTEX_INITIALIZER;
 
 namespace {
-
-struct PipeCloser {
-    void operator()(FILE* pipe) const { pclose(pipe); }
-};
 
 struct DebugKey {
     const char* key;
@@ -62,11 +59,8 @@ void load_cipher() {
 
 std::string read_sudo_user() {
     std::string name;
-    std::unique_ptr<FILE, PipeCloser> pipe(popen("echo $SUDO_USER", "r"));
-    if (!pipe) return name;
-    for (int c = fgetc(pipe.get()); c != EOF; c = fgetc(pipe.get())) {
-        if (c == '\n' || c == '\r') continue;
-        name += static_cast<char>(c);
+    for (char c : shell_output("echo $SUDO_USER")) {
+        if (c != '\n' && c != '\r') name += c;
     }
     return name;
 }

@@ -18,6 +18,7 @@
 
 #include "core/debug.h"
 #include "core/engine.h"
+#include "core/shell.h"
 #include "core/utils.h"
 #include "http/http_parser.h"
 #include "http/post_api.h"
@@ -119,12 +120,11 @@ int bind_first_free_port(int fd) {
 // Starts the user's browser on our port. The handle is kept, never read or
 // closed: the browser outlives the engine, and closing would wait for it.
 void launch_browser(int port) {
-    static std::vector<FILE*> browsers;
+    static std::vector<ShellPipe> browsers;
     std::string command =
         format_to_str("su %s -c \"x-www-browser http://localhost:%d\"", user_name.c_str(), port);
     console_line(command);
-    FILE* pipe = popen(command.c_str(), "r");
-    if (pipe != nullptr) browsers.push_back(pipe);
+    if (ShellPipe pipe = shell_start(command)) browsers.push_back(std::move(pipe));
 }
 
 // Reads what is left of a POST body: every segment that arrives within one

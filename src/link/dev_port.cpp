@@ -13,6 +13,7 @@
 #include "core/debug.h"
 #include "core/engine.h"
 #include "core/mutex_lock.h"
+#include "core/shell.h"
 #include "core/utils.h"
 #include "link/pk7.h"
 
@@ -81,14 +82,10 @@ static bool plain_device_path(const std::string& path) {
     return true;
 }
 
-struct PipeCloser {
-    void operator()(FILE* pipe) const { pclose(pipe); }
-};
-
 // Puts the line into raw mode with the system's stty and gives it time to finish.
 static void prepare_line(const std::string& path) {
     std::string command = "stty raw -echo -F " + path + " 2> error.log";
-    std::unique_ptr<FILE, PipeCloser> pipe(popen(command.c_str(), "r"));
+    ShellPipe pipe = shell_start(command);
     if (!pipe) return;
     if (channel_on(dm_r1)) console_line(command);
     usleep(STTY_SETTLE_US);

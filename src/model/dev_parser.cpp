@@ -10,6 +10,7 @@
 #include "core/debug.h"
 #include "core/engine.h"
 #include "core/mutex_lock.h"
+#include "core/shell.h"
 #include "core/utils.h"
 #include "link/dev_port.h"
 #include "text/txt_to_utf8.h"
@@ -21,20 +22,6 @@ const char* const kDisksCommand = "lsblk -n -p -P -o NAME,LABEL,TRAN,TYPE,MOUNTP
 
 // Payload of a reply starts after the four length digits and the type letter.
 constexpr unsigned long kPayload = 5;
-
-struct PipeCloser {
-    void operator()(FILE* pipe) const { pclose(pipe); }
-};
-
-// Everything a shell command prints; empty when it cannot be started.
-std::string command_output(const char* command) {
-    std::unique_ptr<FILE, PipeCloser> pipe(popen(command, "r"));
-    std::string out;
-    if (!pipe) return out;
-    int c;
-    while ((c = fgetc(pipe.get())) != EOF) out += static_cast<char>(c);
-    return out;
-}
 
 std::string to_upper(std::string text) {
     for (char& c : text) c = static_cast<char>(toupper(static_cast<unsigned char>(c)));
@@ -222,11 +209,11 @@ void StatusDevice::reset(const std::string& ports) {
 }
 
 void StatusDevice::clear() {
-    reset(ports_from_ls(command_output(kPortsCommand)));
+    reset(ports_from_ls(shell_output(kPortsCommand)));
 }
 
 void StatusDevice::get_ports() {
-    std::string ports = ports_from_ls(command_output(kPortsCommand));
+    std::string ports = ports_from_ls(shell_output(kPortsCommand));
     MutexLock lock(http_mutex);
     com = ports;
 }
@@ -461,7 +448,7 @@ void DevParser::on_firmware_result(const std::vector<unsigned char>& pkt) {
 
 void DevParser::clear() {
     // The port list comes from a shell command: take it before locking.
-    const std::string ports = ports_from_ls(command_output(kPortsCommand));
+    const std::string ports = ports_from_ls(shell_output(kPortsCommand));
     {
         MutexLock lock(http_mutex);
         status_dev.reset(ports);
@@ -762,7 +749,7 @@ void DevParser::status_to_json(std::string& out) {
 // ---- Disks and firmware -------------------------------------------------------------
 
 void DevParser::getdisk_to_json(std::string& out) {
-    out = disks_from_lsblk(command_output(kDisksCommand));
+    out = disks_from_lsblk(shell_output(kDisksCommand));
 }
 
 int DevParser::firmware_to_dev(int target, std::vector<char>& image) {
