@@ -366,36 +366,45 @@ void DevParser::on_binary_block(const std::vector<unsigned char>& pkt) {
     const unsigned char kind = pkt[5];
     const unsigned char number = pkt[6];
 
-    if ((kind & 0x80) != 0 && number == 0) {
-        block_kind = kind & 0x7F;
-        block_buffer.assign(pkt.begin() + 7, pkt.end());
-        expected_block = 1;
-        if (block_kind == 1 && pkt.size() >= 9) {
-            events_bytes_total = (pkt[7] + 256 * pkt[8]) * 15;
-            on_events_progress();
+    // clear() on the HTTP thread empties the same transfer state: every
+    // change to it is made under http_mutex. The finished events are handed
+    // on after the unlock, since get_list_dev_events locks the mutex itself.
+    std::vector<unsigned char> finished;
+    {
+        MutexLock lock(http_mutex);
+        if ((kind & 0x80) != 0 && number == 0) {
+            block_kind = kind & 0x7F;
+            block_buffer.assign(pkt.begin() + 7, pkt.end());
+            expected_block = 1;
+            if (block_kind == 1 && pkt.size() >= 9) {
+                events_bytes_total = (pkt[7] + 256 * pkt[8]) * 15;
+                on_events_progress();
+            }
+            return;
         }
-        return;
-    }
-    if ((kind & 0x80) != 0 || kind != block_kind || number != expected_block) return;
+        if ((kind & 0x80) != 0 || kind != block_kind || number != expected_block) return;
 
-    if (pkt.size() == 7) {
-        if (block_kind == 1 && !block_buffer.empty()) {
-            get_list_dev_events(block_buffer);
-            set_ready_text(&StatusDevice::rmsg, "2");
-            set_status(3);
+        if (pkt.size() > 7) {
+            block_buffer.insert(block_buffer.end(), pkt.begin() + 7, pkt.end());
+            ++expected_block;
+            if (block_kind == 1) on_events_progress();
+            return;
         }
+        // A block without payload ends the transfer.
+        if (block_kind == 1) finished.swap(block_buffer);
         block_buffer.clear();
-        return;
     }
-    block_buffer.insert(block_buffer.end(), pkt.begin() + 7, pkt.end());
-    ++expected_block;
-    if (block_kind == 1) on_events_progress();
+    if (finished.empty()) return;
+    get_list_dev_events(finished);
+    set_ready_text(&StatusDevice::rmsg, "2");
+    set_status(3);
 }
 
+// Called with http_mutex held.
 void DevParser::on_events_progress() {
     events_bytes_received = static_cast<int>(block_buffer.size());
     if (events_bytes_total != 0)
-        set_ready_text(&StatusDevice::msg, std::to_string(events_bytes_received * 100 / events_bytes_total));
+        status_dev.msg = std::to_string(events_bytes_received * 100 / events_bytes_total);
 }
 
 void DevParser::on_text_reply(std::vector<unsigned char>& pkt) {
@@ -461,18 +470,20 @@ void DevParser::clear() {
         tmt.clear();
         logs.clear();
         events.clear();
+        // The device thread changes these counters and the events transfer
+        // under the same lock.
         block_buffer.clear();
+        block_kind = 0;
+        expected_block = 0;
+        events_bytes_total = 0;
+        events_bytes_received = 0;
+        cfg_total = 0;
+        cfg_count = 0;
+        log_received = 0;
+        log_count = 0;
     }
-    cfg_total = 0;
-    cfg_count = 0;
-    log_received = 0;
-    log_count = 0;
     fw_blocks_sent = 0;
     fw_blocks_total = 0;
-    block_kind = 0;
-    expected_block = 0;
-    events_bytes_total = 0;
-    events_bytes_received = 0;
     send_re = false;
 }
 
