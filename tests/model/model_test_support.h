@@ -1,5 +1,5 @@
-// Test helpers for the device image: a pseudo-terminal standing in for the panel's port, packets, console
-// lines.
+// Test helpers for the device image: a pseudo-terminal standing in for the
+// panel's port, and packets as the reader hands them over.
 #pragma once
 
 #include <poll.h>
@@ -7,19 +7,16 @@
 #include <termios.h>
 #include <unistd.h>
 
-#include <cctype>
-#include <sstream>
 #include <string>
-#include <vector>
 
-#include "link/dev_port.h"
+#include "link/link_test_support.h"
 
-// Opens a pseudo-terminal and makes its master the engine's device, so that
+// Makes a pseudo-terminal's master the engine's device (no stty wait), so that
 // the engine's receipts really go out and can be read back from the slave.
 class PtyPort {
 public:
     PtyPort() {
-        if (openpty(&master_, &slave_, nullptr, nullptr, nullptr) != 0) return;
+        openpty(&master_, &slave_, nullptr, nullptr, nullptr);
         termios raw{};
         tcgetattr(slave_, &raw);
         cfmakeraw(&raw);
@@ -32,61 +29,32 @@ public:
             USB = 0;
             close(master_);
         }
-        if (slave_ >= 0) close(slave_);
+        close(slave_);
     }
-    PtyPort(const PtyPort&) = delete;
-    PtyPort& operator=(const PtyPort&) = delete;
-
-    bool ok() const { return master_ > 0 && slave_ >= 0; }
-
     // Everything the engine wrote, waiting at most wait_ms for the first byte.
     std::string read_all(int wait_ms = 200) {
         std::string out;
-        int timeout = wait_ms;
-        for (;;) {
-            pollfd p{slave_, POLLIN, 0};
-            if (poll(&p, 1, timeout) <= 0 || (p.revents & POLLIN) == 0) return out;
-            char chunk[512];
+        char chunk[512];
+        pollfd readable{slave_, POLLIN, 0};
+        while (poll(&readable, 1, out.empty() ? wait_ms : 20) > 0) {
             ssize_t got = read(slave_, chunk, sizeof chunk);
-            if (got <= 0) return out;
+            if (got <= 0) break;
             out.append(chunk, static_cast<size_t>(got));
-            timeout = 20;
         }
+        return out;
     }
 
 private:
-    int master_ = -1;
-    int slave_ = -1;
+    int master_ = -1, slave_ = -1;
 };
 
-inline std::vector<unsigned char> bytes_of(const std::string& text) {
-    return std::vector<unsigned char>(text.begin(), text.end());
+// A frame body as the reader stores it: four length digits, type, payload.
+inline std::string packet(char type, const std::string& payload) {
+    std::string length = std::to_string(payload.size() + 5);
+    return std::string(4 - length.size(), '0') + length + type + payload;
 }
 
-inline std::string repeated(const std::string& text, int times) {
-    std::string out;
-    for (int i = 0; i < times; ++i) out += text;
-    return out;
+// A binary block body: kind (or block type), number, data.
+inline std::string block(int kind, int number, const std::string& data) {
+    return packet('B', std::string{static_cast<char>(kind), static_cast<char>(number)} + data);
 }
-
-// The console lines without their "hh:mm:ss.mmm " stamps; a line without a
-// well-formed stamp is returned whole, prefixed with "UNSTAMPED:".
-inline bool has_stamp(const std::string& line) {
-    const std::string shape = "00:00:00.000 ";
-    if (line.size() < shape.size()) return false;
-    for (size_t i = 0; i < shape.size(); ++i) {
-        const bool digit = isdigit(static_cast<unsigned char>(line[i])) != 0;
-        if (shape[i] == '0' ? !digit : line[i] != shape[i]) return false;
-    }
-    return true;
-}
-
-inline std::vector<std::string> unstamped_lines(const std::string& out) {
-    std::vector<std::string> lines;
-    std::istringstream in(out);
-    std::string line;
-    while (std::getline(in, line)) lines.push_back(has_stamp(line) ? line.substr(13) : "UNSTAMPED:" + line);
-    return lines;
-}
-
-inline const std::string kReceiptOK = std::string("~0005A\x7f", 7);

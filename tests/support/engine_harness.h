@@ -5,8 +5,6 @@
 #include <arpa/inet.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <netinet/in.h>
-#include <poll.h>
 #include <signal.h>
 #include <spawn.h>
 #include <sys/socket.h>
@@ -14,14 +12,14 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <chrono>
 #include <cstdlib>
 #include <fstream>
-#include <functional>
+#include <iterator>
 #include <regex>
-#include <sstream>
 #include <string>
-#include <thread>
+#include <utility>
 
 namespace harness {
 
@@ -32,111 +30,70 @@ inline double seconds_since(Clock::time_point start) {
 }
 
 // Polls cond every 20 ms until it holds or the time is up.
-inline bool wait_for(const std::function<bool()>& cond, double seconds) {
-    auto deadline = Clock::now() + std::chrono::duration<double>(seconds);
-    while (!cond()) {
-        if (Clock::now() > deadline) return false;
-        std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    }
+template <class Condition>
+bool wait_for(Condition cond, double seconds) {
+    for (auto start = Clock::now(); !cond(); usleep(20000))
+        if (seconds_since(start) > seconds) return false;
     return true;
 }
 
 inline std::string read_text_file(const std::string& path) {
     std::ifstream in(path, std::ios::binary);
-    std::stringstream text;
-    text << in.rdbuf();
-    return text.str();
+    return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
 }
 
 // Drops the "hh:mm:ss.mmm " prefix of every line that has one.
 inline std::string without_stamps(const std::string& text) {
-    static const std::regex stamp(R"(^\d\d:\d\d:\d\d\.\d\d\d )");
-    std::string out;
-    std::istringstream in(text);
-    std::string line;
-    while (std::getline(in, line)) {
-        if (std::regex_search(line, stamp)) line = line.substr(13);
-        out += line + "\n";
-    }
-    return out;
+    return std::regex_replace(text, std::regex(R"((^|\n)\d\d:\d\d:\d\d\.\d\d\d )"), "$1");
 }
 
-class Fd {
-public:
+// Owns a descriptor; movable, not copyable. Closing -1 is a harmless no-op.
+struct Fd {
     explicit Fd(int fd = -1) : fd_(fd) {}
+    Fd(Fd&& other) noexcept : fd_(std::exchange(other.fd_, -1)) {}
     ~Fd() { reset(); }
-    Fd(const Fd&) = delete;
-    Fd& operator=(const Fd&) = delete;
-    Fd(Fd&& other) noexcept : fd_(other.fd_) { other.fd_ = -1; }
     int get() const { return fd_; }
-    void reset() {
-        if (fd_ >= 0) close(fd_);
-        fd_ = -1;
-    }
-
-private:
+    void reset() { close(std::exchange(fd_, -1)); }
     int fd_;
 };
 
 // A temporary directory holding a fake "su" that records its arguments, so
 // that the engine's browser launch never starts a real browser.
-class TempDir {
-public:
+struct TempDir {
     TempDir() {
         char pattern[] = "/tmp/vorcore_http_XXXXXX";
         path_ = mkdtemp(pattern);
-        std::ofstream su(path_ + "/su");
-        su << "#!/bin/sh\nprintf '%s\\n' \"$@\" >> \"" << path_ << "/su.log\"\n";
-        su.close();
+        std::ofstream(path_ + "/su") << "#!/bin/sh\nprintf '%s\\n' \"$@\" >> \"" << path_ << "/su.log\"\n";
         chmod((path_ + "/su").c_str(), 0755);
     }
     ~TempDir() { std::system(("rm -rf '" + path_ + "'").c_str()); }
     const std::string& path() const { return path_; }
     std::string su_log() const { return read_text_file(path_ + "/su.log"); }
-
-private:
     std::string path_;
 };
 
-// Sends one fd's output to a file for the lifetime of the object. Test failure
-// messages written meanwhile are copied back when it ends.
-class Redirect {
-public:
-    Redirect(int fd, const std::string& path) : fd_(fd), path_(path) {
+// Sends one fd's output to a file for the lifetime of the object.
+struct Redirect {
+    Redirect(int fd, const std::string& path) : fd_(fd), path_(path), saved_(dup(fd)) {
         fflush(nullptr);
-        saved_ = dup(fd_);
-        int file = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-        dup2(file, fd_);
-        close(file);
+        dup2(Fd(open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644)).get(), fd_);
     }
     ~Redirect() {
         fflush(nullptr);
-        dup2(saved_, fd_);
-        close(saved_);
-        if (testing::Test::HasFailure()) {
-            std::string captured = text();
-            ssize_t ignored = write(fd_, captured.data(), captured.size());
-            (void)ignored;
-        }
+        dup2(saved_.get(), fd_);
     }
     std::string text() const { return read_text_file(path_); }
-
-private:
     int fd_;
     std::string path_;
-    int saved_;
+    Fd saved_;
 };
 
 inline bool ends_with(const std::string& text, const std::string& end) {
-    return text.size() >= end.size() && text.compare(text.size() - end.size(), end.size(), end) == 0;
+    return text.ends_with(end);
 }
 
 inline sockaddr_in loopback(int port) {
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    address.sin_port = htons(static_cast<uint16_t>(port));
-    return address;
+    return {.sin_family = AF_INET, .sin_port = htons(port), .sin_addr{htonl(INADDR_LOOPBACK)}, .sin_zero{}};
 }
 
 // The client ends each connection with a reset. The server closes first and
@@ -165,20 +122,16 @@ inline void send_text(const Fd& fd, const std::string& text) {
     ASSERT_EQ(send(fd.get(), text.data(), text.size(), MSG_NOSIGNAL), static_cast<ssize_t>(text.size()));
 }
 
-// Everything the server sends until it closes the connection (bounded).
+// Everything the server sends until it closes the connection; "<timed out>" is
+// appended when it stays silent for `seconds`.
 inline std::string read_to_close(const Fd& fd, double seconds = 10) {
+    timeval limit{static_cast<time_t>(seconds), static_cast<suseconds_t>(seconds * 1e6) % 1000000};
+    setsockopt(fd.get(), SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof(limit));
     std::string text;
-    auto deadline = Clock::now() + std::chrono::duration<double>(seconds);
-    for (;;) {
-        int left = static_cast<int>(
-            std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now()).count());
-        pollfd p{fd.get(), POLLIN, 0};
-        if (left <= 0 || poll(&p, 1, left) <= 0) return text + "<timed out>";
-        char buf[4096];
-        ssize_t got = recv(fd.get(), buf, sizeof(buf), 0);
-        if (got <= 0) return text;
-        text.append(buf, static_cast<size_t>(got));
-    }
+    char buf[4096];
+    ssize_t got;
+    while ((got = recv(fd.get(), buf, sizeof(buf), 0)) > 0) text.append(buf, static_cast<size_t>(got));
+    return got < 0 && errno == EAGAIN ? text + "<timed out>" : text;
 }
 
 inline std::string exchange(int port, const std::string& request) {
@@ -188,39 +141,24 @@ inline std::string exchange(int port, const std::string& request) {
     return read_to_close(fd);
 }
 
-// The vorcore program in a temporary working directory, its console in files.
+// The vorcore program in the directory, without sudo and with the fake su first
+// in PATH; its standard output and error go to files there.
 class EngineProcess {
 public:
     explicit EngineProcess(const TempDir& dir) : dir_(dir) {
-        std::string path = dir.path() + ":" + getenv("PATH");
-        setenv("PATH", path.c_str(), 1);
-        unsetenv("SUDO_USER");
-        std::string out = dir.path() + "/stdout.txt";
-        std::string err = dir.path() + "/stderr.txt";
-        posix_spawn_file_actions_t actions;
-        posix_spawn_file_actions_init(&actions);
-        posix_spawn_file_actions_addchdir_np(&actions, dir.path().c_str());
-        posix_spawn_file_actions_addopen(&actions, 1, out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-        posix_spawn_file_actions_addopen(&actions, 2, err.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-        char* argv[] = {const_cast<char*>(VORCORE_BINARY), nullptr};
-        if (posix_spawn(&pid_, VORCORE_BINARY, &actions, nullptr, argv, environ) != 0) pid_ = -1;
-        posix_spawn_file_actions_destroy(&actions);
+        std::string command = "unset SUDO_USER; cd '" + dir.path() + "' && PATH=\"$PWD:$PATH\" exec " +
+                              VORCORE_BINARY + " >stdout.txt 2>stderr.txt";
+        const char* argv[] = {"sh", "-c", command.c_str(), nullptr};
+        if (posix_spawn(&pid_, "/bin/sh", nullptr, nullptr, const_cast<char**>(argv), environ) != 0)
+            pid_ = -1;
         static const std::regex browser_line("x-www-browser http://localhost:(\\d+)");
-        wait_for(
-            [&] {
-                std::smatch m;
-                std::string out = console();
-                if (!std::regex_search(out, m, browser_line)) return false;
-                port_ = std::stoi(m[1]);
-                return true;
-            },
-            5);
+        std::smatch found;
+        std::string out;
+        if (wait_for([&] { return std::regex_search(out = console(), found, browser_line); }, 5))
+            port_ = std::stoi(found[1]);
     }
     ~EngineProcess() {
-        if (pid_ > 0 && !exited_) {
-            kill(pid_, SIGKILL);
-            waitpid(pid_, nullptr, 0);
-        }
+        if (pid_ > 0 && kill(pid_, SIGKILL) == 0) waitpid(pid_, nullptr, 0);
     }
 
     int port() const { return port_; }
@@ -228,44 +166,27 @@ public:
     // Sanitizer builds of the program report their findings here.
     std::string errors() const { return read_text_file(dir_.path() + "/stderr.txt"); }
     bool sanitizer_reported() const {
-        std::string text = errors();
-        return text.find("Sanitizer") != std::string::npos || text.find("runtime error") != std::string::npos;
+        return std::regex_search(errors(), std::regex("Sanitizer|runtime error"));
     }
 
-    // Waits (bounded) for the program to end; true with its exit status when it did.
+    // Waits (bounded) for the program to end; true when it did, with its exit status
+    // (reported to the first call that sees the end).
     bool wait_exit(double seconds, int& status) {
-        if (pid_ <= 0) return false;
-        bool ended = wait_for(
-            [&] {
-                int raw = 0;
-                if (waitpid(pid_, &raw, WNOHANG) != pid_) return false;
-                status_ = raw;
-                exited_ = true;
-                return true;
-            },
-            seconds);
-        status = status_;
-        return ended;
+        if (pid_ > 0 && wait_for([&] { return waitpid(pid_, &status, WNOHANG) == pid_; }, seconds)) pid_ = 0;
+        return pid_ == 0;
     }
 
     // The server listens right after printing the browser line.
     std::string request(const std::string& text) {
         std::string answer;
-        wait_for(
-            [&] {
-                answer = exchange(port_, text);
-                return answer != "<no connection>";
-            },
-            2);
+        wait_for([&] { return (answer = exchange(port_, text)) != "<no connection>"; }, 2);
         return answer;
     }
 
 private:
     const TempDir& dir_;
-    pid_t pid_ = -1;
+    pid_t pid_ = -1;  // 0 once the program has been waited for
     int port_ = 0;
-    int status_ = 0;
-    bool exited_ = false;
 };
 
 inline std::string local_get(int port, const std::string& target) {
