@@ -31,7 +31,8 @@ stop_all() {
 }
 trap 'stop_all; exit 0' INT TERM
 
-"$build/vorpanel-sim" --no-link >"$sim_log" 2>&1 &
+# As root the simulator also appears as /dev/ttyUSB-SIM, like a plugged-in panel.
+"$build/vorpanel-sim" >"$sim_log" 2>&1 &
 sim_pid=$!
 for _ in $(seq 50); do
     pty=$(head -n 1 "$sim_log" 2>/dev/null)
@@ -42,6 +43,9 @@ if [ -z "${pty:-}" ]; then
     echo "The panel simulator did not start; see $sim_log"
     stop_all
     exit 1
+fi
+if [ "$(readlink /dev/ttyUSB-SIM 2>/dev/null)" = "$pty" ]; then
+    pty=/dev/ttyUSB-SIM
 fi
 echo "Panel simulator on $pty"
 
