@@ -22,6 +22,8 @@ bool cipher_ready() {
 
 // ---------------------------------------------------------------- cipher file
 
+#include "text/txt_to_utf8.h"
+
 namespace {
 
 constexpr int table_rows = 8;
@@ -34,13 +36,6 @@ struct CipherData {
     uint8_t table[8][16];
     uint8_t key[32];
 };
-
-int hex_value(char c) {
-    if (c >= '0' && c <= '9') return c - '0';
-    if (c >= 'a' && c <= 'f') return c - 'a' + 10;
-    if (c >= 'A' && c <= 'F') return c - 'A' + 10;
-    return -1;
-}
 
 std::string trim(const std::string& s) {
     const char* blanks = " \t\r\n\v\f";
@@ -69,19 +64,28 @@ std::string describe_char(char c) {
     return std::string("byte 0x") + digits[u >> 4] + digits[u & 0x0F];
 }
 
-bool parse_row(const std::string& text, int row, int line_no, uint8_t out[16], std::string& error) {
-    std::string what = line_prefix(line_no) + "table row " + std::to_string(row);
-    if (text.size() != row_digits) {
-        error = what + " must be 16 hex digits, found " + std::to_string(text.size()) + " characters";
-        if (text.size() == key_digits) error += " (looks like the key line: the table needs 8 rows)";
+// True for a line of exactly `digits` hex digits; otherwise `error` says why,
+// with `hint` when the line has the length of the other kind of line.
+bool is_hex_line(const std::string& text, const std::string& what, size_t digits, size_t other_digits,
+                 const char* hint, std::string& error) {
+    if (text.size() != digits) {
+        error = what + " must be " + std::to_string(digits) + " hex digits, found " +
+                std::to_string(text.size()) + " characters";
+        if (text.size() == other_digits) error += hint;
         return false;
     }
     size_t bad = first_non_hex(text);
-    if (bad != std::string::npos) {
-        error = what + " has a non-hex character " + describe_char(text[bad]) + " at column " +
-                std::to_string(bad + 1);
+    if (bad == std::string::npos) return true;
+    error = what + " has a non-hex character " + describe_char(text[bad]) + " at column " +
+            std::to_string(bad + 1);
+    return false;
+}
+
+bool parse_row(const std::string& text, int row, int line_no, uint8_t out[16], std::string& error) {
+    std::string what = line_prefix(line_no) + "table row " + std::to_string(row);
+    if (!is_hex_line(text, what, row_digits, key_digits, " (looks like the key line: the table needs 8 rows)",
+                     error))
         return false;
-    }
     bool seen[16] = {};
     for (size_t j = 0; j < row_digits; ++j) {
         int v = hex_value(text[j]);
@@ -97,17 +101,9 @@ bool parse_row(const std::string& text, int row, int line_no, uint8_t out[16], s
 
 bool parse_key(const std::string& text, int line_no, uint8_t out[32], std::string& error) {
     std::string what = line_prefix(line_no) + "key";
-    if (text.size() != key_digits) {
-        error = what + " must be 64 hex digits, found " + std::to_string(text.size()) + " characters";
-        if (text.size() == row_digits) error += " (a ninth table row? the table has exactly 8 rows)";
+    if (!is_hex_line(text, what, key_digits, row_digits, " (a ninth table row? the table has exactly 8 rows)",
+                     error))
         return false;
-    }
-    size_t bad = first_non_hex(text);
-    if (bad != std::string::npos) {
-        error = what + " has a non-hex character " + describe_char(text[bad]) + " at column " +
-                std::to_string(bad + 1);
-        return false;
-    }
     for (size_t i = 0; i < 32; ++i) {
         out[i] = static_cast<uint8_t>(hex_value(text[2 * i]) << 4 | hex_value(text[2 * i + 1]));
     }

@@ -27,13 +27,6 @@ bool contains(const std::string& text, const std::string& part) {
     return text.find(part) != std::string::npos;
 }
 
-int hex_value(char c) {
-    if (c >= '0' && c <= '9') return c - '0';
-    if (c >= 'a' && c <= 'f') return c - 'a' + 10;
-    if (c >= 'A' && c <= 'F') return c - 'A' + 10;
-    return -1;
-}
-
 // Undoes "%XX" escapes so that an encoded dot or slash cannot hide a ".." segment.
 std::string percent_decoded(const std::string& text) {
     std::string out;

@@ -24,6 +24,8 @@ int utf2cp(const char* in, char* out, int len);
 char* utf8_to_cp1251(const char* in);  // malloc'ed; free with free()
 
 bool is_hex_digit(char c);
+// The value of one hex digit, -1 for any other character.
+int hex_value(char c);
 std::string txt_to_utf8(std::string& in);       // backslash-x escapes
 std::string txt_to_utf8_proc(std::string& in);  // percent escapes
 
