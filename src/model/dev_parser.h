@@ -1,5 +1,9 @@
 // The device image: panel status, configuration, logs and events, and the
-// dispatch of panel replies into it.
+// dispatch of panel replies into it. DevParser is one class; its members are
+// defined across files named after their concern: dev_parser.cpp (image and
+// status number), _replies (dispatch), _status (telemetry and status JSON),
+// _config (configuration), _logs, _events, _lists (ports and disks),
+// _firmware (firmware blocks).
 #pragma once
 
 #include <atomic>
@@ -78,6 +82,8 @@ public:
     void get_ports();
 };
 
+// The inside of the `com` JSON array for the serial ports present now (runs "ls").
+std::string list_ports();
 // The inside of the `com` JSON array from the output of "ls": each non-empty,
 // line-feed-terminated line double-quoted, separated by commas.
 std::string ports_from_ls(const std::string& ls_output);
