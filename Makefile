@@ -10,8 +10,11 @@ build:
 	cmake -S . -B $(BUILD) $(GENERATOR) -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
 	cmake --build $(BUILD) -j2
 
-# Starts the panel simulator and the engine together and connects them.
-run: build
+# Starts the panel simulator and the engine together and connects them. Only
+# the two programs are built, so a newcomer does not wait for the tests.
+run:
+	cmake -S . -B $(BUILD) $(GENERATOR) -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
+	cmake --build $(BUILD) -j2 --target vorcore vorpanel-sim
 	tools/demo.sh $(BUILD)
 
 # Builds everything and runs every test.
