@@ -19,7 +19,9 @@ namespace {
 using Clock = std::chrono::steady_clock;
 
 constexpr int LOOP_WAIT_MS = 10;
-constexpr size_t MAX_PENDING_OUTPUT = 64 * 1024;  // beyond this an unread panel drops output
+// Beyond this an unread panel drops output. A read's whole answer is queued at
+// once, so the largest journal the simulator offers must fit.
+constexpr size_t MAX_PENDING_OUTPUT = 8 * 1024 * 1024;
 constexpr size_t GARBAGE_LEN = 16;
 
 std::string printable(const std::string& bytes) {
