@@ -2,6 +2,7 @@
 #include "panel_content.h"
 
 #include <cstdio>
+#include <iterator>
 
 namespace {
 
@@ -54,33 +55,35 @@ std::string formatted(const char* format, unsigned a, unsigned b) {
 }
 
 struct JournalLine {
-    const char* code;    // "MS" information, "WN" warning, "ER" error
     const char* format;  // with up to two unsigned numbers
     unsigned a_min, a_span, b_min, b_span;
 };
 
-// Information is the bulk of a journal, warnings come often, errors rarely.
-const JournalLine journal_lines[] = {
-    {"MS", "Partition %u armed by user %u", 1, 4, 1, 16},
-    {"MS", "Partition %u disarmed by user %u", 1, 4, 1, 16},
-    {"MS", "Report E%03u sent over GPRS in %u ms", 110, 800, 300, 3000},
-    {"MS", "GSM registered, operator \"MTS RUS\", level %u%%", 40, 60, 0, 1},
-    {"MS", "Mains power restored, %u V", 215, 20, 0, 1},
-    {"MS", "Configuration saved, %u settings", 200, 1800, 0, 1},
-    {"MS", "Clock set from server, drift %u s", 1, 60, 0, 1},
-    {"MS", "Radio expander %u joined network %u", 1, 8, 1, 16},
-    {"MS", "USB configurator connected", 0, 1, 0, 1},
-    {"MS", "Power on, firmware 3.14 build %u", 2200, 20, 0, 1},
-    {"WN", "Battery voltage 11.%u V", 0, 10, 0, 1},
-    {"WN", "GSM signal weak, level %u%%", 5, 15, 0, 1},
-    {"WN", "Radio expander %u silent for %u s", 1, 8, 60, 600},
-    {"WN", "Zone %u tamper open", 1, 64, 0, 1},
-    {"WN", "Server 10.0.0.5:5050 answered in %u ms", 3000, 6000, 0, 1},
-    {"ER", "GPRS connection failed, code 0x%02X", 1, 255, 0, 1},
-    {"ER", "Battery low, 10.%u V", 0, 10, 0, 1},
-    {"ER", "SIM card %u not found", 1, 2, 0, 1},
-    {"ER", "Report queue full, %u reports pending", 32, 32, 0, 1},
-    {"ER", "Flash write error at 0x%08X", 0x1000, 0x7F000, 0, 1},
+const JournalLine information_lines[] = {
+    {"Partition %u armed by user %u", 1, 4, 1, 16},
+    {"Partition %u disarmed by user %u", 1, 4, 1, 16},
+    {"Report E%03u sent over GPRS in %u ms", 110, 800, 300, 3000},
+    {"GSM registered, operator \"MTS RUS\", level %u%%", 40, 60, 0, 1},
+    {"Mains power restored, %u V", 215, 20, 0, 1},
+    {"Configuration saved, %u settings", 200, 1800, 0, 1},
+    {"Clock set from server, drift %u s", 1, 60, 0, 1},
+    {"Radio expander %u joined network %u", 1, 8, 1, 16},
+    {"USB configurator connected", 0, 1, 0, 1},
+    {"Power on, firmware 3.14 build %u", 2207, 1, 0, 1},
+};
+const JournalLine warning_lines[] = {
+    {"Battery voltage 11.%u V", 0, 10, 0, 1},
+    {"GSM signal weak, level %u%%", 5, 15, 0, 1},
+    {"Radio expander %u silent for %u s", 1, 8, 60, 600},
+    {"Zone %u tamper open", 1, 64, 0, 1},
+    {"Server 10.0.0.5:5050 answered in %u ms", 3000, 6000, 0, 1},
+};
+const JournalLine error_lines[] = {
+    {"GPRS connection failed, code 0x%02X", 1, 255, 0, 1},
+    {"Battery low, 10.%u V", 0, 10, 0, 1},
+    {"SIM card %u not found", 1, 2, 0, 1},
+    {"Report queue full, %u reports pending", 32, 32, 0, 1},
+    {"Flash write error at 0x%08X", 0x1000, 0x7F000, 0, 1},
 };
 
 // One kind of event memory entry; zone or user numbers vary from entry to entry.
@@ -126,12 +129,17 @@ std::vector<std::string> sim_journal(size_t count, uint32_t start) {
     records.reserve(count);
     uint32_t time = start;
     for (size_t i = 0; i < count; ++i) {
-        const JournalLine& line = journal_lines[random.next(sizeof journal_lines / sizeof journal_lines[0])];
+        // Information is the bulk of a journal, warnings come often, errors rarely.
+        const uint32_t kind = random.next(100);
+        const char* code = kind < 70 ? "MS" : kind < 90 ? "WN" : "ER";
+        const JournalLine& line = kind < 70   ? information_lines[random.next(std::size(information_lines))]
+                                  : kind < 90 ? warning_lines[random.next(std::size(warning_lines))]
+                                              : error_lines[random.next(std::size(error_lines))];
         unsigned a = line.a_min + random.next(line.a_span);
         unsigned b = line.b_min + random.next(line.b_span);
         char stamp[16];
         std::snprintf(stamp, sizeof stamp, "%X", time);
-        records.push_back(std::string(stamp) + "::" + line.code + "::" + formatted(line.format, a, b));
+        records.push_back(std::string(stamp) + "::" + code + "::" + formatted(line.format, a, b));
         time += 60 + random.next(3600);
     }
     return records;

@@ -32,6 +32,7 @@ const char* usage =
     "  --log-records N      records in the journal (default 300, at most 100000)\n"
     "  --events N           events in the event memory (default 250, at most 5080,\n"
     "                       what one transfer carries)\n"
+    "  --reply-gap-ms N     pause between the frames of a log or events answer\n"
     "  --verbose            print every frame received and every chunk written\n"
     "  --help               this text\n";
 
@@ -75,6 +76,8 @@ int parse_options(int argc, char** argv, PanelSimOptions& options, bool& verbose
         else if (arg == "--hangup-after-ms" && read_number(next, options.hangup_after_ms))
             ++i;
         else if (arg == "--log-records" && read_number(next, log_records, MAX_LOG_RECORDS))
+            ++i;
+        else if (arg == "--reply-gap-ms" && read_number(next, options.reply_gap_ms))
             ++i;
         else if (arg == "--events" && read_number(next, events, static_cast<long>(SIM_MAX_EVENTS)))
             ++i;
