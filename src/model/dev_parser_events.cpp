@@ -47,7 +47,9 @@ tm utc_of(uint32_t seconds) {
 
 // The event text looked up in the table: "E" or "R" and the code, such as "E110".
 std::string event_text(const dev_event& event) {
-    return ((event.flags & kFlagEvent) ? "E" : "R") + std::to_string(event.code);
+    std::string text(1, (event.flags & kFlagEvent) ? 'E' : 'R');
+    text += std::to_string(event.code);
+    return text;
 }
 
 // Ids are printed with "%08d" as signed numbers: one above INT32_MAX shows

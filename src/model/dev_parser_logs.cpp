@@ -111,7 +111,7 @@ int DevParser::parse_log(std::vector<unsigned char>& data, unsigned long pos) {
     MutexLock lock(http_mutex);
     if (pos < data.size() && data[pos] == kLastPortion) {
         set_status(3);
-        status_dev.rlog = "2";
+        status_dev.rlog = std::string("2");
     }
     // An emptied list (clear_logs, clear) starts a fresh budget.
     if (logs.empty()) {
@@ -161,7 +161,9 @@ void DevParser::dev_log_to_json(std::string& out, int first, int count) {
     if (count != 0 && from + count < n) end = from + count;
 
     // A first record beyond the end gives a negative number, which the browser expects.
-    out = "{\"result\":{\"number\":\"" + std::to_string(end - from) + "\",\"log\":[";
+    out = "{\"result\":{\"number\":\"";
+    out += std::to_string(end - from);
+    out += "\",\"log\":[";
     bool written = false;
     LogRecord shown;
     for (int64_t i = from; i < end; ++i) {
