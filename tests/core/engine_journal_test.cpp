@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <climits>
 #include <memory>
 #include <regex>
 #include <tuple>
@@ -151,9 +152,12 @@ TEST_F(Journal, LogIsReadWithProgressThenPagedAndSaved) {
     EXPECT_EQ(whole, body_of(get("getlog&record=0&count=0")));
     const std::vector<std::string> records = objects_of(whole, "\"log\":[");
     ASSERT_EQ(kRecords, records.size());
-    // First, count; the number shown and the records on the page.
+    // First, count; the number shown and the records on the page. A first beyond the
+    // end gives a negative number; a negative first starts at 0; no sum overflows.
     const std::tuple<int, int, int, size_t, size_t> pages[] = {
-        {10, 5, 5, 10, 15}, {55, 10, 5, 55, 60}, {60, 5, 0, 0, 0}, {70, 0, -10, 0, 0}, {0, 60, 60, 0, 60},
+        {10, 5, 5, 10, 15}, {55, 10, 5, 55, 60},     {60, 5, 0, 0, 0},
+        {70, 0, -10, 0, 0}, {0, 60, 60, 0, 60},      {-3, 2, 2, 0, 2},
+        {3, -2, -2, 0, 0},  {5, INT_MAX, 55, 5, 60}, {INT_MAX, 10, 60 - INT_MAX, 0, 0},
     };
     for (const auto& [first, count, number, from, to] : pages) {
         std::string page =
@@ -204,8 +208,8 @@ TEST_F(Journal, EventsAreReadWithProgressThenShownAndSaved) {
               get("cmd=92&file=events.txt"));
 }
 
-// Records the page cannot show are left out with a console line; the page stays
-// whole JSON, and a record of 900 bytes arrives whole in its own reply.
+// Records the page cannot show are left out with a console line, the page stays
+// whole JSON, and a record of 900 bytes arrives and shows whole.
 TEST_F(Journal, BadRecordsOverTheLinkLeaveEveryPageWhole) {
     const std::string long_text(900 - 14, 'x');
     set_content({"5F5E1000::ER::x", "5F5E10G0::ER::not hex", R"(5F5E1010::WN::Door "Hall\2" open)",
