@@ -51,8 +51,8 @@ std::string joined(const std::vector<std::string>& objects, size_t from, size_t 
     return out;
 }
 
-// One engine connected to one simulated panel serves every test here:
-// connecting costs two seconds. The tests run in the order written.
+// One engine connected to one simulated panel serves the tests of a program run:
+// connecting costs two seconds, so each test covers a whole feature.
 class Journal : public testing::Test {
 protected:
     static void SetUpTestSuite() {
@@ -65,7 +65,15 @@ protected:
         connected_ = engine_->port() != 0 && body_of(get("cmd=11&com=" + panel_->slave_path())) == kOk &&
                      wait_for([] { return status().find(R"("status":"3")") != std::string::npos; }, 10);
     }
+    // Every program run ends its engine with the exit query: status 0, no sanitizer report.
     static void TearDownTestSuite() {
+        if (connected_) {
+            EXPECT_EQ(kOk, body_of(get("exit")));
+            int status = -1;
+            EXPECT_TRUE(engine_->wait_exit(5, status));
+            EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+            EXPECT_FALSE(engine_->sanitizer_reported()) << engine_->errors();
+        }
         engine_.reset();
         panel_.reset();
         dir_.reset();
@@ -129,9 +137,9 @@ protected:
     static inline PanelContent content_;
 };
 
-// The read shows its progress (status 6, rlog 1) until the last reply gives status 3
-// and rlog 2. The pages come out of the same list as the whole one, the file with
-// its Russian heading.
+// The read shows its progress until the last reply gives status 3. The pages come
+// out of the same list as the whole one, the file with its Russian heading. Bad
+// records and an empty journal leave every page whole.
 TEST_F(Journal, LogIsReadWithProgressThenPagedAndSaved) {
     set_content(sim_journal(kRecords, kMemoryStart), {});
     // Reading: status 6 and rlog 1 with the share of records received after each
@@ -169,6 +177,43 @@ TEST_F(Journal, LogIsReadWithProgressThenPagedAndSaved) {
     }
     EXPECT_EQ(download_answer("journal.txt", read_text_file(kGolden + "log_file.txt")),
               get("cmd=84&file=journal.txt"));
+
+    // Records the page cannot show are left out with a console line, the page stays
+    // whole JSON, and a record of 900 bytes arrives and shows whole.
+    const std::string long_text(900 - 14, 'x');
+    set_content({"5F5E1000::ER::x", "5F5E10G0::ER::not hex", R"(5F5E1010::WN::Door "Hall\2" open)",
+                 "5F5E1020::MS::" + long_text, "only::two"},
+                {});
+    EXPECT_EQ(kOk, body_of(get("cmd=81")));
+    watch(R"("rlog":"2")", "rlog", "log");
+    EXPECT_EQ(
+        R"({"result":{"number":"5","log":[{"date":"13.09.2020","time":"12:26:40","type":"ER","text":"x"},)"
+        R"({"date":"13.09.2020","time":"12:26:56","type":"WN","text":"Door \"Hall\\2\" open"},)"
+        R"({"date":"13.09.2020","time":"12:27:12","type":"MS","text":")" +
+            long_text + "\"}]}}",
+        body_of(get("getlog&record=0&count=0")));
+    EXPECT_EQ(download_answer("logs.txt",
+                              "Логи прибора:\r\nERR: 13.09.2020 12:26:40 x\r\n"
+                              "WNG: 13.09.2020 12:26:56 Door \"Hall\\2\" open\r\n"
+                              "INF: 13.09.2020 12:27:12 " +
+                                  long_text + "\r\n"),
+              get("cmd=84"));
+    const std::string console = without_stamps(engine_->console());
+    for (const char* writer : {"dev_log_to_json", "dev_log_to_file"})
+        for (const char* record : {"5F5E10G0::ER::not hex", "only::two"})
+            EXPECT_NE(std::string::npos,
+                      console.find(std::string(writer) + ": No parse log record: " + record + "\n"))
+                << writer << " " << record;
+
+    // A panel with an empty journal answers the count 0: the read ends at once.
+    set_content({}, {});
+    EXPECT_EQ(kOk, body_of(get("cmd=81")));
+    std::vector<std::string> seen = watch(R"("rlog":"0")", "rlog", "log");
+    ASSERT_FALSE(seen.empty());
+    EXPECT_EQ("3 0", seen.back().substr(0, 3));
+    EXPECT_EQ(R"({"result":{"number":"0","log":[]}})", body_of(get("getlog&record=0&count=0")));
+    EXPECT_EQ(R"({"result":{"number":"-3","log":[]}})", body_of(get("getlog&record=3&count=0")));
+    EXPECT_EQ(download_answer("logs.txt", "Логи прибора:\r\n"), get("cmd=84"));
 }
 
 // An events transfer that ends early keeps what came; the next transfer
@@ -206,55 +251,6 @@ TEST_F(Journal, EventsAreReadWithProgressThenShownAndSaved) {
     EXPECT_NE(std::string::npos, status().find(R"("rmsg":"0")"));
     EXPECT_EQ(download_answer("events.txt", read_text_file(kGolden + "events.txt")),
               get("cmd=92&file=events.txt"));
-}
-
-// Records the page cannot show are left out with a console line, the page stays
-// whole JSON, and a record of 900 bytes arrives and shows whole.
-TEST_F(Journal, BadRecordsOverTheLinkLeaveEveryPageWhole) {
-    const std::string long_text(900 - 14, 'x');
-    set_content({"5F5E1000::ER::x", "5F5E10G0::ER::not hex", R"(5F5E1010::WN::Door "Hall\2" open)",
-                 "5F5E1020::MS::" + long_text, "only::two"},
-                {});
-    EXPECT_EQ(kOk, body_of(get("cmd=81")));
-    watch(R"("rlog":"2")", "rlog", "log");
-    EXPECT_EQ(
-        R"({"result":{"number":"5","log":[{"date":"13.09.2020","time":"12:26:40","type":"ER","text":"x"},)"
-        R"({"date":"13.09.2020","time":"12:26:56","type":"WN","text":"Door \"Hall\\2\" open"},)"
-        R"({"date":"13.09.2020","time":"12:27:12","type":"MS","text":")" +
-            long_text + "\"}]}}",
-        body_of(get("getlog&record=0&count=0")));
-    EXPECT_EQ(download_answer("logs.txt",
-                              "Логи прибора:\r\nERR: 13.09.2020 12:26:40 x\r\n"
-                              "WNG: 13.09.2020 12:26:56 Door \"Hall\\2\" open\r\n"
-                              "INF: 13.09.2020 12:27:12 " +
-                                  long_text + "\r\n"),
-              get("cmd=84"));
-    const std::string console = without_stamps(engine_->console());
-    for (const char* writer : {"dev_log_to_json", "dev_log_to_file"})
-        for (const char* record : {"5F5E10G0::ER::not hex", "only::two"})
-            EXPECT_NE(std::string::npos,
-                      console.find(std::string(writer) + ": No parse log record: " + record + "\n"))
-                << writer << " " << record;
-}
-
-// A panel with an empty journal answers the count 0: the read ends at once.
-TEST_F(Journal, EmptyJournalGivesAnEmptyPageAndFile) {
-    set_content({}, {});
-    EXPECT_EQ(kOk, body_of(get("cmd=81")));
-    std::vector<std::string> seen = watch(R"("rlog":"0")", "rlog", "log");
-    ASSERT_FALSE(seen.empty());
-    EXPECT_EQ("3 0", seen.back().substr(0, 3));
-    EXPECT_EQ(R"({"result":{"number":"0","log":[]}})", body_of(get("getlog&record=0&count=0")));
-    EXPECT_EQ(R"({"result":{"number":"-3","log":[]}})", body_of(get("getlog&record=3&count=0")));
-    EXPECT_EQ(download_answer("logs.txt", "Логи прибора:\r\n"), get("cmd=84"));
-}
-
-TEST_F(Journal, EngineEndsCleanly) {
-    EXPECT_EQ(kOk, body_of(get("exit")));
-    int status = -1;
-    EXPECT_TRUE(engine_->wait_exit(5, status));
-    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
-    EXPECT_FALSE(engine_->sanitizer_reported()) << engine_->errors();
 }
 
 }  // namespace
