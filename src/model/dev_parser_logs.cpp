@@ -1,7 +1,7 @@
 // The panel's journal: log replies collected into records, shown as JSON pages and saved as text.
-#include <algorithm>
 #include <cstdint>
 #include <cstdio>
+#include <cstring>
 #include <ctime>
 
 #include "core/debug.h"
@@ -119,28 +119,29 @@ int DevParser::parse_log(std::vector<unsigned char>& data, unsigned long pos) {
         log_full_reported = false;
     }
     bool dropped = false;
-    auto store = [&](std::string& record) {
-        const size_t cost = record.size() + sizeof(std::string);
+    auto store = [&](const unsigned char* begin, size_t len) {
+        const size_t cost = len + sizeof(std::string);
         if (log_bytes + cost > kMaxLogBytes) {
             dropped = true;
             return;
         }
         log_bytes += cost;
         ++log_received;
-        logs.push_back(std::move(record));
+        logs.emplace_back(reinterpret_cast<const char*>(begin), len);
     };
 
     // Records are runs of non-zero bytes, each ended by a zero byte; the last
     // one may lack its zero.
-    auto next = pos < data.size() ? data.begin() + static_cast<long>(pos) + 1 : data.end();
-    while (next != data.end()) {
-        auto zero = std::find(next, data.end(), 0);
-        std::string record(next, zero);
-        if (zero == data.end()) {
-            if (!record.empty()) store(record);
+    const unsigned char* next = pos < data.size() ? data.data() + pos + 1 : nullptr;
+    const unsigned char* const end = data.data() + data.size();
+    while (next != nullptr && next < end) {
+        const auto* zero =
+            static_cast<const unsigned char*>(memchr(next, 0, static_cast<size_t>(end - next)));
+        if (zero == nullptr) {
+            store(next, static_cast<size_t>(end - next));
             break;
         }
-        store(record);
+        store(next, static_cast<size_t>(zero - next));
         next = zero + 1;
     }
 

@@ -113,16 +113,17 @@ TEST_F(Logs, PageAndFileShowEachReadableRecord) {
 // A panel that never stops sending cannot fill the memory: beyond 16 MiB the
 // records are dropped with one console line, until the list is emptied.
 TEST_F(Logs, StoredRecordsAreBounded) {
-    const std::string reply = std::string(1, '\0') + "5F5E1000::MS::" + std::string(8000, 'x');
+    std::vector<unsigned char> reply =
+        bytes(std::string(1, '\0') + "5F5E1000::MS::" + std::string(8000, 'x'));
     const size_t cost = reply.size() - 1 + sizeof(std::string);
     const size_t fit = (16u << 20) / cost;
     std::string console = printed_by([&] {
-        for (size_t i = 0; i < fit + 10; ++i) log_reply(reply);
+        for (size_t i = 0; i < fit + 10; ++i) parser.parse_log(reply, 0);
     });
     EXPECT_EQ("@ parse_log: log list full, further records dropped\n", console);
     EXPECT_EQ(fit, parser.logs.size());
     parser.clear_logs();
-    log_reply(reply);
+    parser.parse_log(reply, 0);
     EXPECT_EQ(1u, parser.logs.size());
 }
 
