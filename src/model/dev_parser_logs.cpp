@@ -161,7 +161,7 @@ void DevParser::dev_log_to_json(std::string& out, int first, int count) {
     int64_t end = n;
     if (count != 0 && from + count < n) end = from + count;
 
-    // A first record beyond the end gives a negative number, which the browser expects.
+    // A first record beyond the end gives a negative number: intended, and kept.
     out = "{\"result\":{\"number\":\"";
     out += std::to_string(end - from);
     out += "\",\"log\":[";
