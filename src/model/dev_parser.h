@@ -171,19 +171,27 @@ public:
     std::string set_sens_resistance(std::string& model);
 
     // ---- Logs ----
+    // All four take http_mutex themselves.
     std::vector<std::string> logs;
-    int log_received = 0;
-    int log_count = 0;
+    int log_received = 0;  // records stored since the last reset (progress numerator)
+    int log_count = 0;     // records the panel announced with "TL-n"
+    // Memory charged to the stored records; beyond the limit parse_log drops
+    // further records (one console line) until the list is emptied.
+    size_t log_bytes = 0;
+    bool log_full_reported = false;
     int parse_log(std::vector<unsigned char>& data, unsigned long pos);
     void dev_log_to_json(std::string& out, int first, int count);
     void dev_log_to_file(std::string& out);
     void clear_logs();
 
     // ---- Events ----
+    // get_list_dev_events and the two writers take http_mutex themselves.
     std::vector<dev_event> events;
     void get_list_dev_events(std::vector<unsigned char>& data);
     void dev_events_to_json(std::string& out);
     void dev_events_to_file(std::string& out);
+    // The description of an event text such as "E110"; empty when unknown.
+    std::string get_event_descr_utf8(const std::string& event);
 
 private:
     void on_receipt(const std::vector<unsigned char>& pkt);

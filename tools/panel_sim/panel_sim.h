@@ -32,6 +32,7 @@ struct PanelSimOptions {
     bool split = false;        // write every frame in two parts
     int split_delay_ms = 250;  // pause between the two parts (beyond one engine read)
     int hangup_after_ms = 0;   // close the pty master after this long; 0: never
+    int reply_gap_ms = 0;      // pause between the frames of a log or events answer
     PanelContent content = PanelContent::standard();
 };
 
@@ -67,6 +68,7 @@ public:
     void set_garbage(bool on) { garbage_ = on; }
     void set_split(bool on) { split_ = on; }
     void set_telemetry_ms(int ms) { telemetry_ms_ = ms; }
+    void set_reply_gap_ms(int ms) { reply_gap_ms_ = ms; }
     void set_content(const PanelContent& content);
     // Closes the pty master now: to the engine the panel was unplugged.
     void hangup() { hangup_requested_ = true; }
@@ -107,6 +109,7 @@ private:
     void send_telemetry();
     std::string garbage();
     void queue_frame(const std::string& frame);
+    void queue_answer(const std::vector<std::string>& frames);
     void queue_bytes(const std::string& bytes, std::chrono::steady_clock::time_point due);
     void make_link();
     void remove_link();
@@ -126,6 +129,7 @@ private:
     std::atomic<bool> garbage_;
     std::atomic<bool> split_;
     std::atomic<int> telemetry_ms_;
+    std::atomic<int> reply_gap_ms_;
     std::atomic<bool> hangup_requested_{false};
     std::atomic<bool> hung_up_{false};
     std::atomic<bool> trace_{false};
