@@ -1,0 +1,444 @@
+// The configuration as the browser's JSON: the whole list, a filtered part and
+// the updates, each setting cut into subvalues by its key family; and edited
+// settings taken back from the browser's JSON.
+#include <array>
+#include <charconv>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <string_view>
+
+#include "core/debug.h"
+#include "core/engine.h"
+#include "core/mutex_lock.h"
+#include "core/utils.h"
+#include "model/dev_parser.h"
+#include "model/dev_parser_helpers.h"
+#include "text/txt_to_utf8.h"
+
+namespace {
+
+constexpr std::string_view kListOpen = "{\"result\":{\"config\":[ ";
+constexpr std::string_view kListClose = "]}}";
+constexpr std::string_view kUpdateOpen = "{\"result\":[ ";
+constexpr std::string_view kUpdateClose = "]}";
+
+// ---- Windows-1251 to UTF-8 --------------------------------------------------------
+
+// The UTF-8 form of each Windows-1251 byte, built once from the code page
+// table. Code points above U+07FF are dropped (length 0); byte 0 and the
+// undefined 0x98 end the text, as they do for cp1251_to_utf8.
+struct Utf8Form {
+    unsigned char length = 0;
+    bool ends_text = false;
+    char bytes[2] = {0, 0};
+};
+
+const std::array<Utf8Form, 256>& utf8_forms() {
+    static const std::array<Utf8Form, 256> forms = [] {
+        std::array<Utf8Form, 256> table{};
+        for (size_t byte = 0; byte < 256; ++byte) {
+            const uint16_t cp = cp2utf::utf[byte];
+            Utf8Form& form = table[byte];
+            if (cp == 0) {
+                form.ends_text = true;
+            } else if (cp <= 0x7F) {
+                form.length = 1;
+                form.bytes[0] = static_cast<char>(cp);
+            } else if (cp <= 0x7FF) {
+                form.length = 2;
+                form.bytes[0] = static_cast<char>(0xC0 | (cp >> 6));
+                form.bytes[1] = static_cast<char>(0x80 | (cp & 0x3F));
+            }
+        }
+        return table;
+    }();
+    return forms;
+}
+
+// Replaces `out` with the UTF-8 form of a Windows-1251 text.
+void utf8_of_cp1251(const std::string& in, std::string& out) {
+    const auto& forms = utf8_forms();
+    out.clear();
+    for (char c : in) {
+        const Utf8Form& form = forms[static_cast<unsigned char>(c)];
+        if (form.ends_text) break;
+        out.append(form.bytes, form.length);
+    }
+}
+
+// ---- Element writing ---------------------------------------------------------------
+
+void open_element(std::string& out, const std::string& key) {
+    out += "{\"key\":\"";
+    out += key;
+    out += "\",\"subvalues\":[";
+}
+
+void close_element(std::string& out) {
+    out += "]}";
+}
+
+void append_index(std::string& out, size_t index) {
+    char digits[24];
+    auto end = std::to_chars(digits, digits + sizeof digits, index).ptr;
+    out.append(digits, end);
+}
+
+// One subvalue {"value":"...","index":n}, preceded by "," unless it is the first.
+void append_subvalue(std::string& out, std::string_view value, size_t index) {
+    if (index > 1) out += ',';
+    out += "{\"value\":\"";
+    out += value;
+    out += "\",\"index\":";
+    append_index(out, index);
+    out += '}';
+}
+
+// The text with a backslash before every double quote and backslash; CR and
+// LF are dropped when asked.
+void append_escaped(std::string& out, std::string_view text, bool drop_line_ends) {
+    for (char c : text) {
+        if (drop_line_ends && (c == '\r' || c == '\n')) continue;
+        if (c == '"' || c == '\\') out += '\\';
+        out += c;
+    }
+}
+
+void append_escaped_subvalue(std::string& out, std::string_view value, size_t index, bool drop_line_ends) {
+    if (index > 1) out += ',';
+    out += "{\"value\":\"";
+    append_escaped(out, value, drop_line_ends);
+    out += "\",\"index\":";
+    append_index(out, index);
+    out += '}';
+}
+
+// A value that begins with a quoted name: the name (an escaped quote \" stays
+// in it as it is) and the rest after the first `separator` behind the closing quote.
+struct QuotedName {
+    std::string_view name;
+    std::string_view rest;
+};
+
+QuotedName quoted_name(std::string_view value, char separator) {
+    QuotedName out;
+    if (value.size() < 2 || value[0] != '"') return out;
+    size_t end = 1;
+    while (end < value.size() && !(value[end] == '"' && value[end - 1] != '\\')) ++end;
+    out.name = value.substr(1, end - 1);
+    if (end >= value.size()) return out;
+    const size_t cut = value.find(separator, end + 1);
+    if (cut != std::string_view::npos) out.rest = value.substr(cut + 1);
+    return out;
+}
+
+// The pieces of `text` between `delim`s, cut as split() does: no piece after
+// a trailing delimiter, none at all for an empty text.
+void split_views(std::string_view text, char delim, std::vector<std::string_view>& out) {
+    out.clear();
+    size_t start = 0;
+    while (start < text.size()) {
+        const size_t found = text.find(delim, start);
+        if (found == std::string_view::npos) {
+            out.push_back(text.substr(start));
+            break;
+        }
+        out.push_back(text.substr(start, found - start));
+        start = found + 1;
+    }
+}
+
+bool contains(const std::string& text, const char* part) {
+    return text.find(part) != std::string::npos;
+}
+
+// The key's third character is a digit: "zn1", not "rla" or "ua".
+bool is_indexed(const std::string& key) {
+    return key.size() > 2 && key[2] >= '0' && key[2] <= '9';
+}
+
+// ---- JSON in -----------------------------------------------------------------------
+
+constexpr std::string_view kConfigMark = "{\"config\":[";
+constexpr std::string_view kKeyMark = "\"key\":\"";
+constexpr std::string_view kKeyEnd = "\",\"subvalues\":";
+constexpr std::string_view kSubvaluesMark = "\"subvalues\":[";
+constexpr std::string_view kValueMark = "\"value\":\"";
+constexpr std::string_view kIndexMark = "\",\"index\":";
+
+enum class Parsed { ok, malformed, wrong_index };
+
+// Key and subvalues of one element in the browser's list.
+Parsed parse_element(const std::string& element, std::string& key, std::vector<std::string>& subvalues) {
+    const size_t key_at = element.find(kKeyMark);
+    if (key_at == std::string::npos) return Parsed::malformed;
+    const size_t key_start = key_at + kKeyMark.size();
+    const size_t key_end = element.find(kKeyEnd, key_start);
+    const size_t list_at = element.find(kSubvaluesMark);
+    const size_t list_end = element.rfind(']');
+    if (key_end == std::string::npos || list_at == std::string::npos || list_end == std::string::npos ||
+        list_end < list_at + kSubvaluesMark.size())
+        return Parsed::malformed;
+    key = element.substr(key_start, key_end - key_start);
+
+    std::vector<std::string> groups;
+    const size_t list_start = list_at + kSubvaluesMark.size();
+    split_curly_brackets(element.substr(list_start, list_end - list_start), groups);
+    subvalues.clear();
+    for (const std::string& group : groups) {
+        const size_t value_at = group.find(kValueMark);
+        const size_t index_at = group.rfind(kIndexMark);
+        if (value_at == std::string::npos || index_at == std::string::npos ||
+            index_at < value_at + kValueMark.size())
+            return Parsed::malformed;
+        const long index = strtol(group.c_str() + index_at + kIndexMark.size(), nullptr, 10);
+        if (index != static_cast<long>(subvalues.size()) + 1) return Parsed::wrong_index;
+        const size_t value_start = value_at + kValueMark.size();
+        subvalues.push_back(group.substr(value_start, index_at - value_start));
+    }
+    return Parsed::ok;
+}
+
+std::string joined(const std::vector<std::string>& parts, size_t from = 0) {
+    std::string out;
+    for (size_t i = from; i < parts.size(); ++i) {
+        if (i > from) out += '.';
+        out += parts[i];
+    }
+    return out;
+}
+
+// The mark in front of a `ua` code for its kind ("1" and unknown kinds: none).
+const char* ua_mark(const std::string& kind) {
+    static const char* const marks[][2] = {{"2", "!"}, {"3", "*"}, {"4", "#"}, {"5", "@"}, {"6", "?"}};
+    for (const auto& mark : marks)
+        if (kind == mark[0]) return mark[1];
+    return "";
+}
+
+// The value text for the subvalues, by key family (the inverse of the writers).
+// A `wa` setting comes back joined with full stops, not in its quoted,
+// comma-separated panel form: the panel takes both.
+std::string join_by_family(const std::string& key, std::vector<std::string>& s) {
+    switch (s.size()) {
+        case 1:
+            if ((contains(key, "sr") && is_indexed(key)) || key == "ws" || key == "wk")
+                return json_unescape(s[0]);
+            return s[0];
+        case 2:
+            if (contains(key, "ss") && is_indexed(key)) return "\"" + s[0] + "\"." + s[1];
+            return s[0] + "." + s[1];
+        case 3:
+            if (contains(key, "ua")) return ua_mark(s[0]) + s[1] + "." + s[2];
+            return joined(s);
+        default:
+            return joined(s);
+    }
+}
+
+std::string cp1251_of_utf8(const std::string& text) {
+    std::unique_ptr<char, decltype(&free)> converted(utf8_to_cp1251(text.c_str()), &free);
+    return converted ? std::string(converted.get()) : std::string();
+}
+
+}  // namespace
+
+// ---- The lists -------------------------------------------------------------------------
+
+void DevParser::cfg_to_json(std::string& out) {
+    out = kListOpen;
+    {
+        MutexLock lock(http_mutex);
+        bool first = true;
+        for (const auto& entry : cfg) {
+            if (!first) out += ',';
+            first = false;
+            key_to_js(out, entry.second);
+        }
+    }
+    out += kListClose;
+}
+
+void DevParser::mask_to_json(std::string& mask, std::string& out) {
+    out = kListOpen;
+    {
+        MutexLock lock(http_mutex);
+        bool first = true;
+        for (const auto& entry : cfg) {
+            if (entry.second.first.find(mask) == std::string::npos) continue;
+            if (!first) out += ',';
+            first = false;
+            key_to_js(out, entry.second);
+        }
+    }
+    out += kListClose;
+}
+
+void DevParser::update_cfg_to_json(std::string& out) {
+    out = kUpdateOpen;
+    MutexLock lock(http_mutex);
+    bool first = true;
+    for (const std::string& key : cfg_keys) {
+        if (!first) out += ',';
+        first = false;
+        // A key whose setting has gone since (a file replaced the map) shows
+        // as an empty element, and leaves an empty entry behind.
+        const std::pair<std::string, std::string> entry = cfg[sort_fit(key)];
+        key_to_js(out, entry);
+    }
+    out += kUpdateClose;
+    cfg_keys.clear();
+    status_dev.update = "false";
+}
+
+// ---- One setting -------------------------------------------------------------------------
+
+unsigned DevParser::key_to_js(std::string& out, const std::pair<std::string, std::string>& entry) {
+    // One conversion buffer per thread keeps a long list from allocating per setting.
+    thread_local std::string value;
+    utf8_of_cp1251(entry.second, value);
+    const std::string& key = entry.first;
+    const bool indexed = is_indexed(key);
+
+    if (contains(key, "ua") && indexed) {
+        set_ua_json_key(out, key, value);
+        return 1;
+    }
+    if (contains(key, "rl")) {
+        if (indexed) {
+            set_rl_json_key(out, key, value);
+            return 1;
+        }
+    } else if (contains(key, "ss") && indexed) {
+        set_ss_json_key(out, key, value);
+        return 1;
+    }
+    if (!contains(key, "ss") && contains(key, "sr") && indexed)
+        set_str_json_key(out, key, value);
+    else if (key == "ws" || key == "wk" || key == "vorlane")
+        set_str_json_key(out, key, value);
+    else if (contains(key, "wa") && indexed)
+        set_wa_json_key(out, key, value);
+    else if (key == "hs")
+        set_hs_json_key(out, key, value);
+    else
+        set_json_key(out, key, value);
+    return 1;
+}
+
+// Every piece between full stops is a subvalue; a value without one is one subvalue.
+void DevParser::set_json_key(std::string& out, const std::string& key, const std::string& value) {
+    open_element(out, key);
+    std::string_view rest = value;
+    size_t index = 1;
+    for (size_t dot; (dot = rest.find('.')) != std::string_view::npos; rest.remove_prefix(dot + 1))
+        append_subvalue(out, rest.substr(0, dot), index++);
+    append_subvalue(out, rest, index);
+    close_element(out);
+}
+
+// Free text: one subvalue, line ends dropped, quotes and backslashes escaped.
+void DevParser::set_str_json_key(std::string& out, const std::string& key, const std::string& value) {
+    open_element(out, key);
+    append_escaped_subvalue(out, value, 1, true);
+    close_element(out);
+}
+
+void DevParser::set_hs_json_key(std::string& out, const std::string& key, const std::string& value) {
+    open_element(out, key);
+    append_subvalue(out, value, 1);
+    close_element(out);
+}
+
+// Two subvalues: before the first full stop, and everything after it.
+void DevParser::set_rl_json_key(std::string& out, const std::string& key, const std::string& value) {
+    open_element(out, key);
+    const std::string_view text = value;
+    const size_t dot = text.find('.');
+    append_subvalue(out, text.substr(0, dot), 1);
+    append_subvalue(out, dot == std::string_view::npos ? std::string_view() : text.substr(dot + 1), 2);
+    close_element(out);
+}
+
+// "\"name\".rest": the name and the rest.
+void DevParser::set_ss_json_key(std::string& out, const std::string& key, const std::string& value) {
+    const QuotedName parts = quoted_name(value, '.');
+    open_element(out, key);
+    append_subvalue(out, parts.name, 1);
+    append_subvalue(out, parts.rest, 2);
+    close_element(out);
+}
+
+// "\"name\",a,b": the name (escaped) and the first two fields after it.
+void DevParser::set_wa_json_key(std::string& out, const std::string& key, const std::string& value) {
+    const QuotedName parts = quoted_name(value, ',');
+    thread_local std::vector<std::string_view> fields;
+    split_views(parts.rest, ',', fields);
+    const bool both = fields.size() >= 2;
+    open_element(out, key);
+    append_escaped_subvalue(out, parts.name, 1, false);
+    append_subvalue(out, both ? fields[0] : std::string_view(), 2);
+    append_subvalue(out, both ? fields[1] : std::string_view(), 3);
+    close_element(out);
+}
+
+// "code.rest" becomes kind, code, rest: a mark in front of the code gives the kind.
+void DevParser::set_ua_json_key(std::string& out, const std::string& key, const std::string& value) {
+    thread_local std::vector<std::string_view> pieces;
+    split_views(value, '.', pieces);
+    open_element(out, key);
+    if (pieces.size() < 2) {
+        append_subvalue(out, pieces.empty() ? std::string_view(value) : pieces[0], 1);
+        append_subvalue(out, "", 2);
+        append_subvalue(out, "", 3);
+    } else if (pieces.size() == 2) {
+        static const char marks[] = "!*#@?";
+        std::string_view code = pieces[0];
+        char kind = '1';
+        const char* mark = code.empty() ? nullptr : std::strchr(marks, code[0]);
+        if (mark != nullptr && *mark != '\0') {
+            kind = static_cast<char>('2' + (mark - marks));
+            code.remove_prefix(1);
+        }
+        append_subvalue(out, std::string_view(&kind, 1), 1);
+        append_subvalue(out, code, 2);
+        append_subvalue(out, pieces[1], 3);
+    } else {
+        for (size_t i = 0; i < pieces.size(); ++i) append_subvalue(out, pieces[i], i + 1);
+    }
+    close_element(out);
+}
+
+// ---- JSON in -------------------------------------------------------------------------------
+
+void DevParser::json_to_cfg(std::string& json) {
+    MutexLock lock(http_mutex);
+    const size_t at = json.rfind(kConfigMark);
+    if (at == std::string::npos) return;
+    std::vector<std::string> elements;
+    split_curly_brackets(json.substr(at + kConfigMark.size()), elements);
+
+    std::string key;
+    std::vector<std::string> subvalues;
+    for (const std::string& element : elements) {
+        const Parsed parsed = parse_element(element, key, subvalues);
+        if (parsed == Parsed::wrong_index) console_stamped("json to cfg: wrong index");
+        if (parsed != Parsed::ok) return;
+        if (subvalues.empty()) continue;
+
+        const std::string value = cp1251_of_utf8(join_by_family(key, subvalues));
+        // The panel reads key, "-", value as one line of a text frame: a setting
+        // that would break the line or the frame is refused, not sent mangled.
+        if (breaks_text_line(key) || breaks_text_line(value) || key.find('-') != std::string::npos) {
+            console_stamped("json to cfg: refused " + printable(key) +
+                            ": text that cannot be sent to the panel");
+            continue;
+        }
+        if (!put_setting(key, value)) {
+            console_stamped("json to cfg: refused " + printable(key) + ": the configuration is full");
+            continue;
+        }
+        cfg_send[key] = value;
+    }
+}
