@@ -25,13 +25,13 @@ bool is_digit(char c) {
 
 bool DevParser::put_setting(const std::string& key, const std::string& value) {
     std::string map_key = sort_fit(key);
-    auto found = cfg.find(map_key);
-    if (found == cfg.end()) {
-        if (cfg.size() >= kMaxSettings) return false;
-        cfg.emplace(std::move(map_key), std::make_pair(key, value));
+    auto at = cfg.lower_bound(map_key);
+    if (at != cfg.end() && at->first == map_key) {
+        at->second = std::make_pair(key, value);
         return true;
     }
-    found->second = std::make_pair(key, value);
+    if (cfg.size() >= kMaxSettings) return false;
+    cfg.emplace_hint(at, std::move(map_key), std::make_pair(key, value));
     return true;
 }
 

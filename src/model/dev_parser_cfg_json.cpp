@@ -56,62 +56,109 @@ const std::array<Utf8Form, 256>& utf8_forms() {
     return forms;
 }
 
-// Replaces `out` with the UTF-8 form of a Windows-1251 text.
+// Replaces `out` with the UTF-8 form of a Windows-1251 text. Every byte writes
+// two bytes and moves on by the length of its form: the buffer is sized for that.
 void utf8_of_cp1251(const std::string& in, std::string& out) {
     const auto& forms = utf8_forms();
-    out.clear();
+    out.resize(in.size() * 2);
+    char* end = out.data();
     for (char c : in) {
-        const Utf8Form& form = forms[static_cast<unsigned char>(c)];
+        const auto byte = static_cast<unsigned char>(c);
+        if (byte - 1u < 0x7Fu) {  // ASCII other than NUL stays as it is
+            *end++ = c;
+            continue;
+        }
+        const Utf8Form& form = forms[byte];
         if (form.ends_text) break;
-        out.append(form.bytes, form.length);
+        end[0] = form.bytes[0];
+        end[1] = form.bytes[1];
+        end += form.length;
     }
+    out.resize(static_cast<size_t>(end - out.data()));
 }
 
 // ---- Element writing ---------------------------------------------------------------
 
-void open_element(std::string& out, const std::string& key) {
-    out += "{\"key\":\"";
-    out += key;
-    out += "\",\"subvalues\":[";
+// Collects the pieces of one element and appends them to `out` in one go,
+// which keeps a long list from paying the string's checks piece by piece.
+class Sink {
+public:
+    explicit Sink(std::string& out) : out_(out) {}
+    ~Sink() { flush(); }
+    Sink(const Sink&) = delete;
+    Sink& operator=(const Sink&) = delete;
+
+    void put(std::string_view text) {
+        if (used_ + text.size() > sizeof buffer_) {
+            flush();
+            if (text.size() > sizeof buffer_) {
+                out_.append(text);
+                return;
+            }
+        }
+        std::memcpy(buffer_ + used_, text.data(), text.size());
+        used_ += text.size();
+    }
+    void put(char c) {
+        if (used_ == sizeof buffer_) flush();
+        buffer_[used_++] = c;
+    }
+
+private:
+    void flush() {
+        out_.append(buffer_, used_);
+        used_ = 0;
+    }
+    std::string& out_;
+    char buffer_[512];
+    size_t used_ = 0;
+};
+
+void open_element(Sink& out, const std::string& key) {
+    out.put("{\"key\":\"");
+    out.put(key);
+    out.put("\",\"subvalues\":[");
 }
 
-void close_element(std::string& out) {
-    out += "]}";
+void close_element(Sink& out) {
+    out.put("]}");
 }
 
-void append_index(std::string& out, size_t index) {
+// Opens subvalue `index`, preceded by "," unless it is the first.
+void open_subvalue(Sink& out, size_t index) {
+    out.put(index > 1 ? ",{\"value\":\"" : "{\"value\":\"");
+}
+
+void close_subvalue(Sink& out, size_t index) {
+    out.put("\",\"index\":");
+    if (index < 10) {
+        out.put(static_cast<char>('0' + index));
+        out.put('}');
+        return;
+    }
     char digits[24];
     auto end = std::to_chars(digits, digits + sizeof digits, index).ptr;
-    out.append(digits, end);
+    out.put(std::string_view(digits, static_cast<size_t>(end - digits)));
+    out.put('}');
 }
 
-// One subvalue {"value":"...","index":n}, preceded by "," unless it is the first.
-void append_subvalue(std::string& out, std::string_view value, size_t index) {
-    if (index > 1) out += ',';
-    out += "{\"value\":\"";
-    out += value;
-    out += "\",\"index\":";
-    append_index(out, index);
-    out += '}';
+// One subvalue {"value":"...","index":n}.
+void append_subvalue(Sink& out, std::string_view value, size_t index) {
+    open_subvalue(out, index);
+    out.put(value);
+    close_subvalue(out, index);
 }
 
-// The text with a backslash before every double quote and backslash; CR and
+// The same with a backslash before every double quote and backslash; CR and
 // LF are dropped when asked.
-void append_escaped(std::string& out, std::string_view text, bool drop_line_ends) {
-    for (char c : text) {
+void append_escaped_subvalue(Sink& out, std::string_view value, size_t index, bool drop_line_ends) {
+    open_subvalue(out, index);
+    for (char c : value) {
         if (drop_line_ends && (c == '\r' || c == '\n')) continue;
-        if (c == '"' || c == '\\') out += '\\';
-        out += c;
+        if (c == '"' || c == '\\') out.put('\\');
+        out.put(c);
     }
-}
-
-void append_escaped_subvalue(std::string& out, std::string_view value, size_t index, bool drop_line_ends) {
-    if (index > 1) out += ',';
-    out += "{\"value\":\"";
-    append_escaped(out, value, drop_line_ends);
-    out += "\",\"index\":";
-    append_index(out, index);
-    out += '}';
+    close_subvalue(out, index);
 }
 
 // A value that begins with a quoted name: the name (an escaped quote \" stays
@@ -151,6 +198,36 @@ void split_views(std::string_view text, char delim, std::vector<std::string_view
 
 bool contains(const std::string& text, const char* part) {
     return text.find(part) != std::string::npos;
+}
+
+// The two-letter families a received key contains, found in one pass.
+struct KeyFamilies {
+    bool ua = false, rl = false, ss = false, sr = false, wa = false;
+};
+
+KeyFamilies families_of(const std::string& key) {
+    KeyFamilies f;
+    for (size_t i = 0; i + 1 < key.size(); ++i) {
+        const char next = key[i + 1];
+        switch (key[i]) {
+            case 'u':
+                f.ua |= next == 'a';
+                break;
+            case 'r':
+                f.rl |= next == 'l';
+                break;
+            case 's':
+                f.ss |= next == 's';
+                f.sr |= next == 'r';
+                break;
+            case 'w':
+                f.wa |= next == 'a';
+                break;
+            default:
+                break;
+        }
+    }
+    return f;
 }
 
 // The key's third character is a digit: "zn1", not "rla" or "ua".
@@ -299,28 +376,30 @@ unsigned DevParser::key_to_js(std::string& out, const std::pair<std::string, std
     thread_local std::string value;
     utf8_of_cp1251(entry.second, value);
     const std::string& key = entry.first;
+    const std::string_view name = key;
+    const KeyFamilies has = families_of(key);
     const bool indexed = is_indexed(key);
 
-    if (contains(key, "ua") && indexed) {
+    if (has.ua && indexed) {
         set_ua_json_key(out, key, value);
         return 1;
     }
-    if (contains(key, "rl")) {
+    if (has.rl) {
         if (indexed) {
             set_rl_json_key(out, key, value);
             return 1;
         }
-    } else if (contains(key, "ss") && indexed) {
+    } else if (has.ss && indexed) {
         set_ss_json_key(out, key, value);
         return 1;
     }
-    if (!contains(key, "ss") && contains(key, "sr") && indexed)
+    if (!has.ss && has.sr && indexed)
         set_str_json_key(out, key, value);
-    else if (key == "ws" || key == "wk" || key == "vorlane")
+    else if (name == "ws" || name == "wk" || name == "vorlane")
         set_str_json_key(out, key, value);
-    else if (contains(key, "wa") && indexed)
+    else if (has.wa && indexed)
         set_wa_json_key(out, key, value);
-    else if (key == "hs")
+    else if (name == "hs")
         set_hs_json_key(out, key, value);
     else
         set_json_key(out, key, value);
@@ -329,45 +408,50 @@ unsigned DevParser::key_to_js(std::string& out, const std::pair<std::string, std
 
 // Every piece between full stops is a subvalue; a value without one is one subvalue.
 void DevParser::set_json_key(std::string& out, const std::string& key, const std::string& value) {
-    open_element(out, key);
+    Sink sink(out);
+    open_element(sink, key);
     std::string_view rest = value;
     size_t index = 1;
     for (size_t dot; (dot = rest.find('.')) != std::string_view::npos; rest.remove_prefix(dot + 1))
-        append_subvalue(out, rest.substr(0, dot), index++);
-    append_subvalue(out, rest, index);
-    close_element(out);
+        append_subvalue(sink, rest.substr(0, dot), index++);
+    append_subvalue(sink, rest, index);
+    close_element(sink);
 }
 
 // Free text: one subvalue, line ends dropped, quotes and backslashes escaped.
 void DevParser::set_str_json_key(std::string& out, const std::string& key, const std::string& value) {
-    open_element(out, key);
-    append_escaped_subvalue(out, value, 1, true);
-    close_element(out);
+    Sink sink(out);
+    open_element(sink, key);
+    append_escaped_subvalue(sink, value, 1, true);
+    close_element(sink);
 }
 
 void DevParser::set_hs_json_key(std::string& out, const std::string& key, const std::string& value) {
-    open_element(out, key);
-    append_subvalue(out, value, 1);
-    close_element(out);
+    Sink sink(out);
+    open_element(sink, key);
+    append_subvalue(sink, value, 1);
+    close_element(sink);
 }
 
 // Two subvalues: before the first full stop, and everything after it.
 void DevParser::set_rl_json_key(std::string& out, const std::string& key, const std::string& value) {
-    open_element(out, key);
+    Sink sink(out);
+    open_element(sink, key);
     const std::string_view text = value;
     const size_t dot = text.find('.');
-    append_subvalue(out, text.substr(0, dot), 1);
-    append_subvalue(out, dot == std::string_view::npos ? std::string_view() : text.substr(dot + 1), 2);
-    close_element(out);
+    append_subvalue(sink, text.substr(0, dot), 1);
+    append_subvalue(sink, dot == std::string_view::npos ? std::string_view() : text.substr(dot + 1), 2);
+    close_element(sink);
 }
 
 // "\"name\".rest": the name and the rest.
 void DevParser::set_ss_json_key(std::string& out, const std::string& key, const std::string& value) {
     const QuotedName parts = quoted_name(value, '.');
-    open_element(out, key);
-    append_subvalue(out, parts.name, 1);
-    append_subvalue(out, parts.rest, 2);
-    close_element(out);
+    Sink sink(out);
+    open_element(sink, key);
+    append_subvalue(sink, parts.name, 1);
+    append_subvalue(sink, parts.rest, 2);
+    close_element(sink);
 }
 
 // "\"name\",a,b": the name (escaped) and the first two fields after it.
@@ -376,22 +460,24 @@ void DevParser::set_wa_json_key(std::string& out, const std::string& key, const 
     thread_local std::vector<std::string_view> fields;
     split_views(parts.rest, ',', fields);
     const bool both = fields.size() >= 2;
-    open_element(out, key);
-    append_escaped_subvalue(out, parts.name, 1, false);
-    append_subvalue(out, both ? fields[0] : std::string_view(), 2);
-    append_subvalue(out, both ? fields[1] : std::string_view(), 3);
-    close_element(out);
+    Sink sink(out);
+    open_element(sink, key);
+    append_escaped_subvalue(sink, parts.name, 1, false);
+    append_subvalue(sink, both ? fields[0] : std::string_view(), 2);
+    append_subvalue(sink, both ? fields[1] : std::string_view(), 3);
+    close_element(sink);
 }
 
 // "code.rest" becomes kind, code, rest: a mark in front of the code gives the kind.
 void DevParser::set_ua_json_key(std::string& out, const std::string& key, const std::string& value) {
     thread_local std::vector<std::string_view> pieces;
     split_views(value, '.', pieces);
-    open_element(out, key);
+    Sink sink(out);
+    open_element(sink, key);
     if (pieces.size() < 2) {
-        append_subvalue(out, pieces.empty() ? std::string_view(value) : pieces[0], 1);
-        append_subvalue(out, "", 2);
-        append_subvalue(out, "", 3);
+        append_subvalue(sink, pieces.empty() ? std::string_view(value) : pieces[0], 1);
+        append_subvalue(sink, "", 2);
+        append_subvalue(sink, "", 3);
     } else if (pieces.size() == 2) {
         static const char marks[] = "!*#@?";
         std::string_view code = pieces[0];
@@ -401,13 +487,13 @@ void DevParser::set_ua_json_key(std::string& out, const std::string& key, const 
             kind = static_cast<char>('2' + (mark - marks));
             code.remove_prefix(1);
         }
-        append_subvalue(out, std::string_view(&kind, 1), 1);
-        append_subvalue(out, code, 2);
-        append_subvalue(out, pieces[1], 3);
+        append_subvalue(sink, std::string_view(&kind, 1), 1);
+        append_subvalue(sink, code, 2);
+        append_subvalue(sink, pieces[1], 3);
     } else {
-        for (size_t i = 0; i < pieces.size(); ++i) append_subvalue(out, pieces[i], i + 1);
+        for (size_t i = 0; i < pieces.size(); ++i) append_subvalue(sink, pieces[i], i + 1);
     }
-    close_element(out);
+    close_element(sink);
 }
 
 // ---- JSON in -------------------------------------------------------------------------------
