@@ -131,6 +131,7 @@ void BM_ResidentWithConfiguration(benchmark::State& state) {
     for (auto _ : state) benchmark::DoNotOptimize(parser.cfg.size());
     state.counters["settings"] = static_cast<double>(parser.cfg.size());
     state.counters["json_bytes"] = static_cast<double>(f.json.size());
+    state.counters["image_bytes"] = static_cast<double>(f.image_bytes);
     state.counters["rss_MiB"] = static_cast<double>(f.resident_kib) / 1024;
     state.counters["rss_before_MiB"] = static_cast<double>(before) / 1024;
 }
