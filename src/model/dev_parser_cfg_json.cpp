@@ -89,6 +89,7 @@ public:
     Sink& operator=(const Sink&) = delete;
 
     void put(std::string_view text) {
+        if (text.empty()) return;  // an empty view may carry no pointer at all
         if (used_ + text.size() > sizeof buffer_) {
             flush();
             if (text.size() > sizeof buffer_) {
