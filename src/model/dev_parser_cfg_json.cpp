@@ -1,7 +1,6 @@
 // The configuration as the browser's JSON: the whole list, a filtered part and
 // the updates, each setting cut into subvalues by its key family; and edited
 // settings taken back from the browser's JSON.
-#include <array>
 #include <charconv>
 #include <cstdlib>
 #include <cstring>
@@ -25,41 +24,10 @@ constexpr std::string_view kUpdateClose = "]}";
 
 // ---- Windows-1251 to UTF-8 --------------------------------------------------------
 
-// The UTF-8 form of each Windows-1251 byte, built once from the code page
-// table. Code points above U+07FF are dropped (length 0); byte 0 and the
-// undefined 0x98 end the text, as they do for cp1251_to_utf8.
-struct Utf8Form {
-    unsigned char length = 0;
-    bool ends_text = false;
-    char bytes[2] = {0, 0};
-};
-
-const std::array<Utf8Form, 256>& utf8_forms() {
-    static const std::array<Utf8Form, 256> forms = [] {
-        std::array<Utf8Form, 256> table{};
-        for (size_t byte = 0; byte < 256; ++byte) {
-            const uint16_t cp = cp2utf::utf[byte];
-            Utf8Form& form = table[byte];
-            if (cp == 0) {
-                form.ends_text = true;
-            } else if (cp <= 0x7F) {
-                form.length = 1;
-                form.bytes[0] = static_cast<char>(cp);
-            } else if (cp <= 0x7FF) {
-                form.length = 2;
-                form.bytes[0] = static_cast<char>(0xC0 | (cp >> 6));
-                form.bytes[1] = static_cast<char>(0x80 | (cp & 0x3F));
-            }
-        }
-        return table;
-    }();
-    return forms;
-}
-
-// Replaces `out` with the UTF-8 form of a Windows-1251 text. Every byte writes
-// two bytes and moves on by the length of its form: the buffer is sized for that.
+// Replaces `out` with the UTF-8 form of a Windows-1251 text, as cp1251_to_utf8
+// makes it: code points above U+07FF are dropped, and byte 0 or the undefined
+// 0x98 (code point 0) ends the text.
 void utf8_of_cp1251(const std::string& in, std::string& out) {
-    const auto& forms = utf8_forms();
     out.resize(in.size() * 2);
     char* end = out.data();
     for (char c : in) {
@@ -68,11 +36,11 @@ void utf8_of_cp1251(const std::string& in, std::string& out) {
             *end++ = c;
             continue;
         }
-        const Utf8Form& form = forms[byte];
-        if (form.ends_text) break;
-        end[0] = form.bytes[0];
-        end[1] = form.bytes[1];
-        end += form.length;
+        const uint16_t cp = cp2utf::utf[byte];
+        if (cp == 0) break;
+        if (cp > 0x7FF) continue;
+        *end++ = static_cast<char>(0xC0 | (cp >> 6));
+        *end++ = static_cast<char>(0x80 | (cp & 0x3F));
     }
     out.resize(static_cast<size_t>(end - out.data()));
 }

@@ -12,54 +12,24 @@
 #include "crypto/CryptoKey.h"
 #include "http/api_test_support.h"
 #include "panel_sim.h"
-#include "text/txt_to_utf8.h"
+#include "support/config_text.h"
 
 using namespace harness;
-using Strings = std::vector<std::string>;
+using namespace config_text;
 
 namespace {
 
 const std::string ok_body = R"({"result":"ok","description":""})";
 const std::string error_body = R"({"result":"error","description":""})";
 
-std::string cp1251(const std::string& utf8) {
-    std::unique_ptr<char, decltype(&free)> text(utf8_to_cp1251(utf8.c_str()), &free);
-    return text.get();
-}
-
 // An upload body as the browser sends a file: each byte as the UTF-8 form of its code point.
 std::string browser_encoded(const std::string& bytes) {
     std::string out;
-    for (unsigned char b : bytes) {
-        if (b < 0x80) {
-            out += static_cast<char>(b);
-        } else {
-            out += static_cast<char>(0xC0 | (b >> 6));
-            out += static_cast<char>(0x80 | (b & 0x3F));
-        }
-    }
+    for (unsigned char b : bytes)
+        out += b < 0x80
+                   ? std::string(1, static_cast<char>(b))
+                   : std::string{static_cast<char>(0xC0 | (b >> 6)), static_cast<char>(0x80 | (b & 0x3F))};
     return out;
-}
-
-std::string element(const std::string& key, const Strings& values) {
-    std::string out = R"({"key":")" + key + R"(","subvalues":[)";
-    for (size_t i = 0; i < values.size(); ++i)
-        out += std::string(i ? "," : "") + R"({"value":")" + values[i] + R"(","index":)" +
-               std::to_string(i + 1) + "}";
-    return out + "]}";
-}
-
-std::string config_list(const Strings& elements) {
-    std::string out = R"({"result":{"config":[ )";
-    for (size_t i = 0; i < elements.size(); ++i) out += (i ? "," : "") + elements[i];
-    return out + "]}}";
-}
-
-std::string file_answer(const std::string& body) {
-    return answer_200(
-        "Content-Type: text/plain; charset=UTF-8\r\nContent-disposition: attachment; filename=config.ini\r\n"
-        "Content-transfer-encoding: text\r\n",
-        body);
 }
 
 class EngineConfig : public testing::Test {
@@ -92,7 +62,7 @@ protected:
         std::string head = local_get(engine_->port(), "/tuning/device?id=-1&" + query);
         head.replace(0, 3, "POST");
         head.insert(head.size() - 2, "Content-Length: " + std::to_string(content.size()) + "\r\n");
-        return engine_->request(head + content);
+        return body(engine_->request(head + content));
     }
     // Polls the status (bounded) until it shows every fragment.
     bool status_shows(const Strings& fragments, double seconds = 10) {
@@ -177,9 +147,9 @@ TEST_F(EngineConfig, RoundTripThroughFilesModelEditsAndWrite) {
                       rest = "bc-10\r\nec-1\r\n" + cp1251("sr1-Склад\r\nsr2-Ёлка\r\n") +
                              "sv-MS02 v3.14\r\ntd-MS02\r\nua1-!12.3\r\n" + cp1251("wa1-\"Дверь\",5,0\r\n") +
                              "zn1-5\r\nzn2-1\r\nzn3-1\r\n";
-    EXPECT_EQ(post("cmd=2", ""), file_answer(file + rest));
-    EXPECT_EQ(body(post("cmd=4&file=config.ini", browser_encoded(file + rest))), ok_body);
-    EXPECT_EQ(post("cmd=2", ""), file_answer(file + "!!-\r\n" + rest));  // "!!" completed on reading
+    EXPECT_EQ(post("cmd=2", ""), file + rest);
+    EXPECT_EQ(post("cmd=4&file=config.ini", browser_encoded(file + rest)), ok_body);
+    EXPECT_EQ(post("cmd=2", ""), file + "!!-\r\n" + rest);  // "!!" completed on reading
 
     std::map<std::string, std::string> to_send = {{"vorlane", "Model MS02"},
                                                   {"ks2", "99"},
@@ -197,7 +167,7 @@ TEST_F(EngineConfig, RoundTripThroughFilesModelEditsAndWrite) {
 
     const std::string sr1 = element("sr1", {R"(Дом \"2\")"}), ua1 = element("ua1", {"3", "1234", "7"}),
                       zn2 = element("zn2", {"3"});
-    EXPECT_EQ(body(post("configset", R"({"config":[)" + zn2 + "," + ua1 + "," + sr1 + "]}")), ok_body);
+    EXPECT_EQ(post("configset", R"({"config":[)" + zn2 + "," + ua1 + "," + sr1 + "]}"), ok_body);
     to_send["zn2"] = "3";
     to_send["ua1"] = "*1234.7";
     to_send["sr1"] = cp1251("Дом \"2\"");
@@ -249,24 +219,23 @@ TEST_F(EngineConfig, CryFileAndBadInput) {
         return "Vorlane CRY\r\n" + std::string(22, 'H') + std::string(buf.begin(), buf.end());
     };
     const std::string zn1 = element("zn1", {"5"});
-    EXPECT_EQ(body(post("cmd=4&file=config.ini", browser_encoded("zn1-5\r\n"))), ok_body);
+    EXPECT_EQ(post("cmd=4&file=config.ini", browser_encoded("zn1-5\r\n")), ok_body);
     EXPECT_EQ(get("configstate=zn"), config_list({zn1}));
 
-    EXPECT_EQ(
-        body(post("cmd=4&file=site.cry", browser_encoded(cry(cp1251("ws-Склад\r\nzn1-7\r\n"), "pw", false)))),
-        ok_body);
+    EXPECT_EQ(post("cmd=4&file=site.cry", browser_encoded(cry(cp1251("ws-Склад\r\nzn1-7\r\n"), "pw", false))),
+              ok_body);
     EXPECT_TRUE(status_shows({R"("status":"11")"}, 2));
     EXPECT_EQ(get("cmd=12&pass=wrong"), error_body);
     EXPECT_EQ(get("configstate=zn"), config_list({zn1}));
     EXPECT_EQ(get("cmd=12&pass=pw"), ok_body);
     EXPECT_EQ(get("configstate=w"), config_list({element("ws", {"Склад"})}));
 
-    EXPECT_EQ(body(post("cmd=4&file=bad.cry", browser_encoded(cry("zn1-9\r\n", "pw", true)))), ok_body);
+    EXPECT_EQ(post("cmd=4&file=bad.cry", browser_encoded(cry("zn1-9\r\n", "pw", true))), ok_body);
     EXPECT_EQ(get("cmd=12&pass=pw"), error_body);
-    EXPECT_EQ(body(post("configset", R"({"config":[)" + element("zn2", {"1"}) +
-                                         R"(,{"key":"zn3","subvalues":[{"value":"1","index":2}]}]})")),
+    EXPECT_EQ(post("configset", R"({"config":[)" + element("zn2", {"1"}) +
+                                    R"(,{"key":"zn3","subvalues":[{"value":"1","index":2}]}]})"),
               ok_body);
-    EXPECT_EQ(body(post("configset", R"({"config":[{"key":"zn4","subvalues":[{"value":"1")")), ok_body);
+    EXPECT_EQ(post("configset", R"({"config":[{"key":"zn4","subvalues":[{"value":"1")"), ok_body);
     EXPECT_EQ(get("cmd=1&devtype=NOPE"), error_body);
     EXPECT_EQ(get("configstate=zn"), config_list({element("zn1", {"7"}), element("zn2", {"1"})}));
     const std::string console = stamps_marked(engine_->console());
