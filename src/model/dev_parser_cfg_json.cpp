@@ -265,7 +265,7 @@ const char* ua_mark(const std::string& kind) {
 
 // The value text for the subvalues, by key family (the inverse of the writers).
 // A `wa` setting comes back joined with full stops, not in its quoted,
-// comma-separated panel form: the panel takes both.
+// comma-separated panel form; that asymmetry is intended.
 std::string join_by_family(const std::string& key, std::vector<std::string>& s) {
     switch (s.size()) {
         case 1:
