@@ -1,6 +1,8 @@
 // Replies of the simulated panel, framed and cut as the panel's firmware does.
 #include "panel_content.h"
 
+#include <algorithm>
+#include <cctype>
 #include <cstdio>
 #include <iterator>
 
@@ -235,6 +237,31 @@ std::vector<std::string> config_payloads(const PanelContent& content) {
     lines.insert(lines.end(), content.config_lines.begin(), content.config_lines.end());
     lines.push_back("ec-0");
     return pack_lines(lines, content.max_text_payload);
+}
+
+// The key of a setting line in lower case; an "SV<version>" line is "sv".
+std::string setting_key(const std::string& line) {
+    size_t minus = line.find('-');
+    std::string key = minus == std::string::npos ? line.substr(0, 2) : line.substr(0, minus);
+    for (char& c : key) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+    return key;
+}
+
+void apply_setting_lines(std::vector<std::string>& config_lines, const std::string& text) {
+    static const std::string read_only[] = {"bc", "ec", "sv", "td", "vc"};
+    size_t start = 0;
+    for (size_t end; (end = text.find("\r\n", start)) != std::string::npos; start = end + 2) {
+        std::string line = text.substr(start, end - start);
+        if (line.find('-') == std::string::npos) continue;
+        std::string key = setting_key(line);
+        if (std::find(std::begin(read_only), std::end(read_only), key) != std::end(read_only)) continue;
+        auto same = std::find_if(config_lines.begin(), config_lines.end(),
+                                 [&](const std::string& held) { return setting_key(held) == key; });
+        if (same != config_lines.end())
+            *same = line;
+        else
+            config_lines.push_back(line);
+    }
 }
 
 std::vector<std::pair<char, std::string>> log_replies(const PanelContent& content) {

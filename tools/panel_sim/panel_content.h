@@ -62,6 +62,12 @@ std::string telemetry_payload(const PanelContent& content);
 // Payloads of the "F" frames answering a configuration read: "bc-N", the
 // settings, "ec-0"; every payload ends on a line boundary.
 std::vector<std::string> config_payloads(const PanelContent& content);
+// Applies setting lines the engine wrote ("key-value", each ended by CR LF, as
+// a configuration frame carries them) to the panel's settings: a line replaces
+// the setting of the same key (keys compare without case) or is added. The
+// lines that frame a configuration ("bc", "ec") and the panel's identity ("sv",
+// "td", "vc") are not changed by a write; text after the last CR LF is not a line.
+void apply_setting_lines(std::vector<std::string>& config_lines, const std::string& text);
 // Payloads answering a log read: the "F" count "TL-n", then the "G" portions
 // (end mark byte, records each ended by a zero byte).
 std::vector<std::pair<char, std::string>> log_replies(const PanelContent& content);

@@ -137,6 +137,14 @@ void PanelSim::send_frame(char type, const std::string& payload) {
     queue_frame(sim_frame(type, payload));
 }
 
+void PanelSim::change_setting(const std::string& line) {
+    {
+        std::lock_guard<std::mutex> lock(content_mutex_);
+        apply_setting_lines(content_.config_lines, line + "\r\n");
+    }
+    queue_frame(sim_frame('F', line + "\r\n"));
+}
+
 std::vector<SimFrame> PanelSim::received() {
     std::lock_guard<std::mutex> lock(in_mutex_);
     return frames_;
@@ -246,6 +254,12 @@ void PanelSim::handle_frame(const std::string& body) {
 }
 
 void PanelSim::handle_command(const std::string& text) {
+    // Setting lines of a configuration write (whole lines, each ended by CR LF).
+    if (text.find("\r\n") != std::string::npos) {
+        std::lock_guard<std::mutex> lock(content_mutex_);
+        apply_setting_lines(content_.config_lines, text);
+        return;
+    }
     PanelContent now = content();
     if (text == "SF") {
         send_telemetry();

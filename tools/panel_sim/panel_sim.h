@@ -5,7 +5,8 @@
 // thread; the engine opens slave_path() like any serial device. The panel
 // acknowledges every engine frame except the engine's own receipts with
 // "~0005A\x7f", sends telemetry periodically, answers the configuration read
-// ("CF-11"), the log read ("PL") and the message read ("MH"), takes firmware
+// ("CF-11"), the log read ("PL") and the message read ("MH"), applies the
+// setting lines of a configuration write to its own settings, takes firmware
 // blocks and reports "UR0-1"/"UR1-1" after their end mark, and accepts the
 // access-password block. It can be told to misbehave (silent, no block
 // receipts, garbage, split frames, hang-up). stop() joins the thread.
@@ -73,6 +74,10 @@ public:
     // Closes the pty master now: to the engine the panel was unplugged.
     void hangup() { hangup_requested_ = true; }
     bool hung_up() const { return hung_up_; }
+
+    // A setting changed at the panel's keyboard: stored like a written line and
+    // reported at once in an unsolicited configuration frame (even while silent).
+    void change_setting(const std::string& line);
 
     // Bytes to the engine exactly as given (even while silent).
     void send_raw(const std::string& bytes);
