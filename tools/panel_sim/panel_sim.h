@@ -33,6 +33,9 @@ struct PanelSimOptions {
     int split_delay_ms = 250;  // pause between the two parts (beyond one engine read)
     int hangup_after_ms = 0;   // close the pty master after this long; 0: never
     PanelContent content = PanelContent::standard();
+
+    // A slow panel: receipts for firmware blocks come this late.
+    int block_ack_delay_ms = 0;
 };
 
 // A frame the engine wrote, unstuffed, without start and end bytes.
