@@ -365,7 +365,8 @@ static void collect_frames(const unsigned char* bytes, size_t len) {
         } else if (b == static_cast<unsigned char>(PK7_ESCAPE)) {
             next_inv = true;
         } else if (form_enable) {
-            current_packet.push_back(next_inv ? static_cast<unsigned char>(b ^ 0x40) : b);
+            if (current_packet.size() < MAX_FRAME_BYTES)
+                current_packet.push_back(next_inv ? static_cast<unsigned char>(b ^ 0x40) : b);
             next_inv = false;
         }
     }

@@ -47,6 +47,11 @@ extern std::atomic<bool> send_re;                  // next plain receipt closes 
 // receipt means the panel accepted the password, "AN3" that it refused it.
 extern std::atomic<bool> pass_block_written;
 
+// A panel frame's length field cannot state more than 999 bytes, so a frame
+// collected beyond this is answered "AN1" whatever follows; the reader keeps
+// no more of it, so a panel that never ends its frame cannot fill the memory.
+inline constexpr size_t MAX_FRAME_BYTES = 2048;
+
 // Silence after which the link is restarted, in ms (a read count below it is quiet).
 inline constexpr uint64_t DEV_SILENCE_MS = 20001;
 // Waiting cycles after which a missing receipt is given up.

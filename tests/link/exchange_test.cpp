@@ -50,6 +50,18 @@ TEST_F(Exchange, ReaderCutsFramesAcrossChunks) {
     EXPECT_EQ((std::vector<unsigned char>{0x7E, 0x7D, 0x7F}), parser.block_buffer);
 }
 
+// A panel that never ends its frame cannot grow the reader without bound; the
+// over-long frame still earns the "too long" receipt once it ends.
+TEST_F(Exchange, EndlessFrameIsKeptBoundedAndAnsweredTooLong) {
+    feed(panel_, "~0007C");
+    for (int chunk = 0; chunk < 8; ++chunk) feed(panel_, std::string(1000, 'x'));
+    EXPECT_EQ(MAX_FRAME_BYTES, current_packet.size());
+    panel_.forget_received();
+    feed(panel_, "\x7f");
+    write_step();
+    EXPECT_EQ("~0007AN1\x7f", panel_got(panel_, 9));
+}
+
 // One frame is out at a time: the next waits for the receipt, or for the
 // hundredth waiting cycle, which gives the receipt up.
 TEST_F(Exchange, NextFrameWaitsForTheReceiptOrTheHundredthCycle) {
