@@ -13,6 +13,7 @@
 #include <iostream>
 #include <string>
 
+#include "crypto/CryptoKey.h"
 #include "panel_sim.h"
 
 namespace {
@@ -28,6 +29,8 @@ const char* usage =
     "  --garbage            send junk bytes with every telemetry period\n"
     "  --split              write every frame in two parts, 250 ms apart\n"
     "  --hangup-after-ms N  close the terminal after N ms, as if unplugged\n"
+    "  --password TEXT      the panel's access password (others are refused); needs --cipher\n"
+    "  --cipher FILE        cipher table file, as the engine's cipher.txt\n"
     "  --verbose            print every frame received and every chunk written\n"
     "  --help               this text\n";
 
@@ -41,7 +44,7 @@ bool read_number(const char* text, int& out) {
 }
 
 // 1: run, 0: help shown, -1: bad option.
-int parse_options(int argc, char** argv, PanelSimOptions& options, bool& verbose) {
+int parse_options(int argc, char** argv, PanelSimOptions& options, bool& verbose, std::string& cipher) {
     for (int i = 1; i < argc; ++i) {
         std::string arg = argv[i];
         const char* next = i + 1 < argc ? argv[i + 1] : nullptr;
@@ -62,6 +65,10 @@ int parse_options(int argc, char** argv, PanelSimOptions& options, bool& verbose
             ++i;
         else if (arg == "--hangup-after-ms" && read_number(next, options.hangup_after_ms))
             ++i;
+        else if (arg == "--password" && next != nullptr && *next != '\0')
+            options.content.access_password = argv[++i];
+        else if (arg == "--cipher" && next != nullptr)
+            cipher = argv[++i];
         else {
             std::cerr << "vorpanel-sim: bad option " << arg << "\n" << usage;
             return -1;
@@ -75,12 +82,18 @@ int parse_options(int argc, char** argv, PanelSimOptions& options, bool& verbose
 int main(int argc, char** argv) {
     PanelSimOptions options;
     bool verbose = false;
-    int parsed = parse_options(argc, argv, options, verbose);
+    std::string cipher;
+    int parsed = parse_options(argc, argv, options, verbose, cipher);
     if (parsed == 0) {
         std::cout << usage;
         return 0;
     }
     if (parsed < 0) return 1;
+    std::string error;
+    if (!options.content.access_password.empty() && !load_cipher_file(cipher.c_str(), error)) {
+        std::cerr << "vorpanel-sim: --password needs a usable --cipher file: " << error << "\n";
+        return 1;
+    }
 
     // The panel thread inherits the blocked signals, so only sigwait below sees them.
     sigset_t stop_signals;
