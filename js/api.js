@@ -70,6 +70,16 @@ export function bytesAsText(bytes) {
   return text;
 }
 
+// The engine looks for the end of the request head in everything it reads first, up to
+// the first zero byte: a blank line or a "Content-Length:" line before it in the body
+// would cut or resize the upload. Such a body is refused rather than sent damaged.
+export function uploadProblem(bytes) {
+  let end = bytes.indexOf(0);
+  if (end < 0) end = bytes.length;
+  const head = bytesAsText(bytes.subarray(0, end));
+  return head.includes('\r\n\r\n') || /Content-(Length|Type):/.test(head);
+}
+
 // POSTs a body given as text (sent as UTF-8); the answer as bytes.
 export async function post(text, body = '') {
   const response = await send(API + text, {

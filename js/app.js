@@ -30,11 +30,14 @@ const store = {
   },
 };
 
+// Written only when it changes, so that a screen reader announces changes, not every poll.
 function showLink(s) {
   const state = $('#link-state');
-  state.textContent = linkWords(s.status);
+  const words = linkWords(s.status);
+  const device = s.devtype ? `· ${s.devtype}` : '';
+  if (state.textContent !== words) state.textContent = words;
   state.dataset.state = String(s.status);
-  $('#link-device').textContent = s.devtype ? `· ${s.devtype}` : '';
+  if ($('#link-device').textContent !== device) $('#link-device').textContent = device;
 }
 
 let engineLost = false;
@@ -65,7 +68,10 @@ async function open(name) {
     if (link.dataset.viewLink === name) link.setAttribute('aria-current', 'page');
     else link.removeAttribute('aria-current');
   }
-  if (current && current !== name) $('#main').focus({ preventScroll: true });
+  if (current && current !== name) {
+    showNote('');
+    $('#main').focus({ preventScroll: true });
+  }
   current = name;
   const section = $(`#view-${name}`);
   try {

@@ -190,8 +190,10 @@ async function importFile(ctx, input) {
   const file = input.files[0];
   if (!file) return;
   input.value = '';
-  const bytes = await fileBytes(file);
-  if (file.name.toLowerCase().endsWith('.cry')) {
+  const cry = file.name.toLowerCase().endsWith('.cry');
+  const bytes = cry ? await fileBytes(file) : normalisedConfigFile(await fileBytes(file));
+  if (api.uploadProblem(bytes)) throw new api.ApiError(t('err.upload'));
+  if (cry) {
     // The engine recognises the container by a lower-case ".cry" in the target.
     await api.upload('cmd=4&file=upload.cry', api.bytesAsText(bytes));
     const s = await api.status();
@@ -200,7 +202,7 @@ async function importFile(ctx, input) {
     if (!(await openCryFile(ctx))) return;
     showNote(t('pass.cryOk'));
   } else {
-    await api.upload('cmd=4', api.bytesAsText(normalisedConfigFile(bytes)));
+    await api.upload('cmd=4', api.bytesAsText(bytes));
   }
   changed.clear();
   pendingSend = true;

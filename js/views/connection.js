@@ -7,12 +7,8 @@ const PASSWORD_WAIT_MS = 10000;
 let root;
 let shownPorts = '';
 
-function portList(s) {
-  return String(s.com ?? '').split(',').filter(Boolean);
-}
-
 function renderPorts(s) {
-  const ports = Array.isArray(s.com) ? s.com : portList(s);
+  const ports = Array.isArray(s.com) ? s.com : [];
   const key = ports.join('\n');
   if (key === shownPorts) return;
   shownPorts = key;
@@ -42,7 +38,12 @@ async function connect(ctx) {
   if (!port) throw new api.ApiError(t('conn.choosePort'));
   if (!port.startsWith('/dev/') || !api.isSendableValue(port)) throw new api.ApiError(t('conn.badPort'));
   showNote(t('conn.connecting', port));
-  await api.command(11, `&com=${port}`);
+  try {
+    await api.command(11, `&com=${port}`);
+  } catch (error) {
+    showNote('');
+    throw new api.ApiError(`${error.message}: ${port}`);
+  }
   showNote(t('conn.connected', port));
   ctx.store.publish(await api.status());
 }

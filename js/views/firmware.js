@@ -24,11 +24,13 @@ async function upload(ctx) {
   const file = $('#fw-file', root).files[0];
   if (!file) throw new api.ApiError(t('fw.noFile'));
   if (file.size > MAX_IMAGE) throw new api.ApiError(t('fw.tooBig'));
+  const image = await fileBytes(file);
+  if (api.uploadProblem(image)) throw new api.ApiError(t('err.upload'));
   if (!(await confirmAction(t('fw.ask', file.name, file.size)))) return;
   const n = $('#fw-coproc', root).checked ? 73 : 71;
   const box = $('#fw-progress', root);
   setProgress(box, 0);
-  await api.upload(`cmd=${n}`, api.bytesAsText(await fileBytes(file)));
+  await api.upload(`cmd=${n}`, api.bytesAsText(image));
   await waitForStart(ctx);
   const s = await follow({
     title: t('fw.progress'), done: (st) => st.statusready?.rupd === '2' || st.statusready?.rupd === '4',

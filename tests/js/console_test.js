@@ -351,6 +351,11 @@ async function run(page, port, pty, simLog, scratch) {
     await clearErrors(page);
     await openView(page, 'firmware');
     const file = path.join(scratch, 'firmware.bin');
+    // A blank line before the first zero byte would end the request head early: refused.
+    fs.writeFileSync(file, Buffer.from('IMAGE\r\n\r\n\0rest'));
+    await page.setInputFiles('#fw-file', file);
+    await page.click('#fw-upload');
+    await waitError(page, 'Файл нельзя передать');
     fs.writeFileSync(file, image);
     await page.setInputFiles('#fw-file', file);
     await page.click('#fw-upload');
