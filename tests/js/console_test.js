@@ -327,23 +327,33 @@ async function run(page, port, pty, simLog, scratch) {
     await page.fill('#cfg-filter', '');
   });
 
+  const DATE = /\d\d\.\d\d\.\d{4}\s+\d\d:\d\d:\d\d/;
   await step('read the log with progress, page it and download it', page, async () => {
     await clearErrors(page);
     await openView(page, 'logs');
     await page.click('#log-read');
-    await waitNote(page, /Журнал прочитан: 3/);
+    const total = Number(/Журнал прочитан: (\d+)/.exec(await waitNote(page, /Журнал прочитан: [1-9]/) && await note(page))[1]);
     const rows = await page.locator('#log-body tbody tr').allInnerTexts();
-    const file = (await download(page, '#log-download')).toString('utf8');
-    return (rows.length === 3 && rows[0].includes('Ошибка') && rows[0].includes('Battery low') && file.startsWith('Логи прибора:'))
-      || `${rows} | ${file.slice(0, 40)}`;
+    const typed = rows.every((r) => DATE.test(r) && /Ошибка|Сообщение|Предупреждение/.test(r));
+    let paged = total <= 20;
+    if (!paged) {
+      await page.click('#log-next');
+      paged = await until(async () => (await page.locator('#log-range').innerText()).startsWith('Записи 21–'), 'second page');
+    }
+    const file = (await download(page, '#log-download')).toString('utf8').split('\r\n').filter(Boolean);
+    return (rows.length === Math.min(total, 20) && typed && paged && file[0] === 'Логи прибора:' && file.length === total + 1)
+      || `rows=${rows.length} of ${total} typed=${typed} paged=${paged} file lines=${file.length}`;
   });
 
   await step('read the events with progress and download them', page, async () => {
     await page.click('#ev-read');
-    await waitNote(page, /События прочитаны: 3/);
+    const total = Number(/События прочитаны: (\d+)/.exec(await waitNote(page, /События прочитаны: [1-9]/) && await note(page))[1]);
     const rows = await page.locator('#ev-body tbody tr').allInnerTexts();
-    const file = (await download(page, '#ev-download')).toString('utf8');
-    return (rows.length === 3 && rows[0].includes('Тревога ПОЖАР') && file.startsWith('События прибора:')) || `${rows}`;
+    const coded = rows.every((r) => DATE.test(r) && /\t[ER]\d+\t/.test(r));
+    const described = rows.some((r) => /Тревога|Восстановление|питани/i.test(r));
+    const file = (await download(page, '#ev-download')).toString('utf8').split('\r\n').filter(Boolean);
+    return (rows.length === Math.min(total, 20) && coded && described && file[0] === 'События прибора:' && file.length === total + 1)
+      || `rows=${rows.length} of ${total} coded=${coded} described=${described} file lines=${file.length}`;
   });
 
   const image = firmwareImage(1300);
@@ -421,7 +431,9 @@ async function main() {
     const env = { ...process.env, PATH: `${scratch}/bin:${process.env.PATH}` };
     delete env.SUDO_USER;
     engine = start(vorcore, [], { cwd: work, env }, engineLog);
-    const port = await until(() => listeningPort(engine.pid), 'engine port', 5000);
+    const port = await until(() => listeningPort(engine.pid), 'engine port', 10000).catch((error) => {
+      throw new Error(`${error.message} (engine ${engine.exitCode === null ? 'running' : `ended ${engine.exitCode}`}: ${readText(engineLog).slice(-200)})`);
+    });
     context = await launch(chromium, scratch);
     const page = context.pages()[0] ?? await context.newPage();
     page.setDefaultTimeout(WAIT);
