@@ -242,6 +242,7 @@ async function run(page, port, pty, simLog, scratch) {
     await page.click('#password');
     await password(page, '000000');
     await waitError(page, 'Пароль не принят');
+    await page.click('#errors .close');
     await page.click('#password');
     await password(page, PASSWORD);
     await waitNote(page, /Пароль принят/);
@@ -253,6 +254,7 @@ async function run(page, port, pty, simLog, scratch) {
     const gsm = await page.locator('#st-gsm').innerText();
     const clock = await page.locator('#st-clock').innerText();
     const zones = await page.locator('#status-body table').filter({ hasText: 'Зоны' }).locator('tbody tr').count();
+    await page.screenshot({ path: path.join(artifacts, 'readme.png'), clip: { x: 0, y: 0, width: 1280, height: 620 } });
     return (gsm === '87%' && /^\d\d\.\d\d\.\d{4} \d\d:\d\d:\d\d$/.test(clock) && zones === 2) || `${gsm} ${clock} ${zones}`;
   });
 
@@ -270,6 +272,7 @@ async function run(page, port, pty, simLog, scratch) {
     await waitNote(page, /Изменено настроек: 1/);
     await page.click('#cfg-write');
     await waitNote(page, /Конфигурация записана/);
+    await page.screenshot({ path: path.join(artifacts, 'config-written.png') });
     const frames = simFrames(simLog);
     const setting = frames.some((f) => /F.*zn1-7<0d><0a>/.test(f));
     const end = frames.some((f) => f === '0007FEC');
