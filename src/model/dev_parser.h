@@ -2,8 +2,10 @@
 // dispatch of panel replies into it. DevParser is one class; its members are
 // defined across files named after their concern: dev_parser.cpp (image and
 // status number), _replies (dispatch), _status (telemetry and status JSON),
-// _config (configuration), _logs, _events, _lists (ports and disks),
-// _firmware (firmware blocks).
+// _cfg_image (configuration lines from the panel), _cfg_json (configuration to
+// and from the browser's JSON), _cfg_files (configuration files, writing to the
+// panel, model id), _logs, _events, _lists (ports and disks), _firmware
+// (firmware blocks).
 #pragma once
 
 #include <atomic>
@@ -153,39 +155,76 @@ public:
     void getdisk_to_json(std::string& out);
 
     // ---- Configuration ----
+    // Map key (sort_fit of the key) -> (key as received, value in Windows-1251).
     std::map<std::string, std::pair<std::string, std::string>> cfg;
-    std::set<std::string> cfg_keys;
-    std::map<std::string, std::string> cfg_send;
+    std::set<std::string> cfg_keys;               // keys received since the browser last asked
+    std::map<std::string, std::string> cfg_send;  // key -> value waiting to go to the panel
     std::string cfg_td, cfg_sv, cfg_cs1;
-    int cfg_total = 0;
-    int cfg_count = 0;
+    int cfg_total = 0;  // lines announced by "bc"
+    int cfg_count = 0;  // lines decoded (or sent) so far
+    // The update flag the browser sees is status_dev.update ("true"/"false").
+
+    // Panel lines in (device thread): parse_cfg takes http_mutex; parse_cfg_str
+    // must be called with it held.
     int parse_cfg(std::vector<unsigned char>& data, unsigned long start);
+    void parse_cfg_str(std::string& line);
+    // Map key that sorts the keys of one family by number: "zn5" -> "zn005".
+    std::string sort_fit(const std::string& key);
+
+    // JSON for the browser; the three list operations take http_mutex.
     void cfg_to_json(std::string& out);
     void mask_to_json(std::string& mask, std::string& out);
     void update_cfg_to_json(std::string& out);
+    // Appends one element, the writer chosen by the key's family; returns 1.
+    unsigned key_to_js(std::string& out, const std::pair<std::string, std::string>& entry);
+    // Family writers: append one element for a value already in UTF-8.
+    void set_json_key(std::string& out, const std::string& key, const std::string& value);
+    void set_str_json_key(std::string& out, const std::string& key, const std::string& value);
+    void set_hs_json_key(std::string& out, const std::string& key, const std::string& value);
+    void set_rl_json_key(std::string& out, const std::string& key, const std::string& value);
+    void set_ss_json_key(std::string& out, const std::string& key, const std::string& value);
+    void set_wa_json_key(std::string& out, const std::string& key, const std::string& value);
+    void set_ua_json_key(std::string& out, const std::string& key, const std::string& value);
+
+    // Settings in from the browser and from files (HTTP thread, take http_mutex).
     void json_to_cfg(std::string& json);
     void file_to_cfg(std::string& text);
     void cfg_to_file(std::string& out);
+    // Queues cfg_send as configuration frames and the end command, then empties it.
     void cfg_to_dev();
+    // Rebuilds "td" from "vc" (returns 1) or from the configuration's shape
+    // (returns 0). Takes no lock: file_to_cfg calls it with http_mutex held.
+    int reconstruct_td();
     // Takes no lock: init calls it with http_mutex held.
     std::string set_sens_resistance(std::string& model);
 
     // ---- Logs ----
+    // All four take http_mutex themselves.
     std::vector<std::string> logs;
-    int log_received = 0;
-    int log_count = 0;
+    int log_received = 0;  // records stored since the last reset (progress numerator)
+    int log_count = 0;     // records the panel announced with "TL-n"
+    // Memory charged to the stored records; beyond the limit parse_log drops
+    // further records (one console line) until the list is emptied.
+    size_t log_bytes = 0;
+    bool log_full_reported = false;
     int parse_log(std::vector<unsigned char>& data, unsigned long pos);
     void dev_log_to_json(std::string& out, int first, int count);
     void dev_log_to_file(std::string& out);
     void clear_logs();
 
     // ---- Events ----
+    // get_list_dev_events and the two writers take http_mutex themselves.
     std::vector<dev_event> events;
     void get_list_dev_events(std::vector<unsigned char>& data);
     void dev_events_to_json(std::string& out);
     void dev_events_to_file(std::string& out);
+    // The description of an event text such as "E110"; empty when unknown.
+    std::string get_event_descr_utf8(const std::string& event);
 
 private:
+    // Stores one setting in cfg; false (nothing stored) when the configuration
+    // already holds its maximum of settings and the key is new.
+    bool put_setting(const std::string& key, const std::string& value);
     void on_receipt(const std::vector<unsigned char>& pkt);
     void on_plain_receipt();
     void on_binary_block(const std::vector<unsigned char>& pkt);

@@ -38,6 +38,21 @@ struct PanelContent {
     static PanelContent standard();
 };
 
+// Events per data block of an events transfer. The block number is one byte
+// and the end block needs a number too, so one transfer carries at most 254
+// data blocks.
+inline constexpr size_t SIM_EVENTS_PER_BLOCK = 20;
+inline constexpr size_t SIM_MAX_EVENTS = 254 * SIM_EVENTS_PER_BLOCK;
+
+// A panel's journal of `count` records from `start` (seconds since 1970) on:
+// information, warnings and errors of its own operation, a few minutes to an
+// hour apart, as "hex time::code::text".
+std::vector<std::string> sim_journal(size_t count, uint32_t start);
+// A panel's event memory of `count` events from `start` on: alarms and their
+// restorals, arming and disarming, power and link faults, radio devices (flag
+// bit 5, ext the radio network), and codes the engine's table does not know.
+std::vector<SimEvent> sim_event_memory(size_t count, uint32_t start);
+
 // A whole frame: "~", length digits, type, stuffed payload, 0x7F.
 std::string sim_frame(char type, const std::string& payload);
 // The plain receipt "~0005A\x7f".
@@ -48,11 +63,18 @@ std::string telemetry_payload(const PanelContent& content);
 // Payloads of the "F" frames answering a configuration read: "bc-N", the
 // settings, "ec-0"; every payload ends on a line boundary.
 std::vector<std::string> config_payloads(const PanelContent& content);
+// Applies setting lines the engine wrote ("key-value", each ended by CR LF, as
+// a configuration frame carries them) to the panel's settings: a line replaces
+// the setting of the same key (keys compare without case) or is added. The
+// lines that frame a configuration ("bc", "ec") and the panel's identity ("sv",
+// "td", "vc") are not changed by a write; text after the last CR LF is not a line.
+void apply_setting_lines(std::vector<std::string>& config_lines, const std::string& text);
 // Payloads answering a log read: the "F" count "TL-n", then the "G" portions
 // (end mark byte, records each ended by a zero byte).
 std::vector<std::pair<char, std::string>> log_replies(const PanelContent& content);
 // Payloads of the "B" frames of an events transfer: the first block (kind
 // 1|0x80, number 0, record count), data blocks, then the empty end block.
+// Only the first SIM_MAX_EVENTS events fit one transfer.
 std::vector<std::string> event_block_payloads(const PanelContent& content);
 // The 15 wire bytes of one event record, numbers little-endian.
 std::string event_record_bytes(const SimEvent& event);

@@ -21,7 +21,9 @@ namespace {
 using Clock = std::chrono::steady_clock;
 
 constexpr int LOOP_WAIT_MS = 10;
-constexpr size_t MAX_PENDING_OUTPUT = 64 * 1024;  // beyond this an unread panel drops output
+// Beyond this an unread panel drops output. A read's whole answer is queued at
+// once, so the largest journal the simulator offers must fit.
+constexpr size_t MAX_PENDING_OUTPUT = 8 * 1024 * 1024;
 constexpr size_t GARBAGE_LEN = 16;
 
 std::string printable(const std::string& bytes) {
@@ -73,6 +75,7 @@ PanelSim::PanelSim(PanelSimOptions options)
       garbage_(options_.garbage),
       split_(options_.split),
       telemetry_ms_(options_.telemetry_ms),
+      reply_gap_ms_(options_.reply_gap_ms),
       content_(options_.content) {}
 
 PanelSim::~PanelSim() {
@@ -152,6 +155,14 @@ void PanelSim::send_raw(const std::string& bytes) {
 
 void PanelSim::send_frame(char type, const std::string& payload) {
     queue_frame(sim_frame(type, payload));
+}
+
+void PanelSim::change_setting(const std::string& line) {
+    {
+        std::lock_guard<std::mutex> lock(content_mutex_);
+        apply_setting_lines(content_.config_lines, line + "\r\n");
+    }
+    queue_frame(sim_frame('F', line + "\r\n"));
 }
 
 std::vector<SimFrame> PanelSim::received() {
@@ -263,15 +274,42 @@ void PanelSim::handle_frame(const std::string& body) {
 }
 
 void PanelSim::handle_command(const std::string& text) {
+    // Setting lines of a configuration write (whole lines, each ended by CR LF).
+    if (text.find("\r\n") != std::string::npos) {
+        std::lock_guard<std::mutex> lock(content_mutex_);
+        apply_setting_lines(content_.config_lines, text);
+        return;
+    }
     PanelContent now = content();
     if (text == "SF") {
         send_telemetry();
     } else if (starts_with(text, "CF-")) {
         for (const std::string& payload : config_payloads(now)) queue_frame(sim_frame('F', payload));
     } else if (text == "PL") {
-        for (const auto& [type, payload] : log_replies(now)) queue_frame(sim_frame(type, payload));
+        std::vector<std::string> frames;
+        for (const auto& [type, payload] : log_replies(now)) frames.push_back(sim_frame(type, payload));
+        queue_answer(frames);
     } else if (text == "MH") {
-        for (const std::string& payload : event_block_payloads(now)) queue_frame(sim_frame('B', payload));
+        std::vector<std::string> frames;
+        for (const std::string& payload : event_block_payloads(now))
+            frames.push_back(sim_frame('B', payload));
+        queue_answer(frames);
+    }
+}
+
+// The frames of a long answer, each whole and reply_gap_ms after the one
+// before, so that the engine's progress can be watched; without a gap they go
+// out as any other frame.
+void PanelSim::queue_answer(const std::vector<std::string>& frames) {
+    const int gap = reply_gap_ms_;
+    auto due = Clock::now();
+    for (const std::string& frame : frames) {
+        if (gap <= 0) {
+            queue_frame(frame);
+            continue;
+        }
+        queue_bytes(frame, due);
+        due += std::chrono::milliseconds(gap);
     }
 }
 

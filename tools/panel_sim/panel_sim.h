@@ -5,7 +5,8 @@
 // thread; the engine opens slave_path() like any serial device. The panel
 // acknowledges every engine frame except the engine's own receipts with
 // "~0005A\x7f", sends telemetry periodically, answers the configuration read
-// ("CF-11"), the log read ("PL") and the message read ("MH"), takes firmware
+// ("CF-11"), the log read ("PL") and the message read ("MH"), applies the
+// setting lines of a configuration write to its own settings, takes firmware
 // blocks and reports "UR0-1"/"UR1-1" after their end mark, and accepts the
 // access-password block. It can be told to misbehave (silent, no block
 // receipts, garbage, split frames, hang-up). stop() joins the thread.
@@ -32,6 +33,7 @@ struct PanelSimOptions {
     bool split = false;        // write every frame in two parts
     int split_delay_ms = 250;  // pause between the two parts (beyond one engine read)
     int hangup_after_ms = 0;   // close the pty master after this long; 0: never
+    int reply_gap_ms = 0;      // pause between the frames of a log or events answer
     PanelContent content = PanelContent::standard();
 };
 
@@ -67,10 +69,15 @@ public:
     void set_garbage(bool on) { garbage_ = on; }
     void set_split(bool on) { split_ = on; }
     void set_telemetry_ms(int ms) { telemetry_ms_ = ms; }
+    void set_reply_gap_ms(int ms) { reply_gap_ms_ = ms; }
     void set_content(const PanelContent& content);
     // Closes the pty master now: to the engine the panel was unplugged.
     void hangup() { hangup_requested_ = true; }
     bool hung_up() const { return hung_up_; }
+
+    // A setting changed at the panel's keyboard: stored like a written line and
+    // reported at once in an unsolicited configuration frame (even while silent).
+    void change_setting(const std::string& line);
 
     // Bytes to the engine exactly as given (even while silent).
     void send_raw(const std::string& bytes);
@@ -107,6 +114,7 @@ private:
     void send_telemetry();
     std::string garbage();
     void queue_frame(const std::string& frame);
+    void queue_answer(const std::vector<std::string>& frames);
     void queue_bytes(const std::string& bytes, std::chrono::steady_clock::time_point due);
     void make_link();
     void remove_link();
@@ -126,6 +134,7 @@ private:
     std::atomic<bool> garbage_;
     std::atomic<bool> split_;
     std::atomic<int> telemetry_ms_;
+    std::atomic<int> reply_gap_ms_;
     std::atomic<bool> hangup_requested_{false};
     std::atomic<bool> hung_up_{false};
     std::atomic<bool> trace_{false};

@@ -8,6 +8,7 @@
 #include <pthread.h>
 #include <signal.h>
 
+#include <cstdint>
 #include <cstdlib>
 #include <cstring>
 #include <iostream>
@@ -29,22 +30,34 @@ const char* usage =
     "  --garbage            send junk bytes with every telemetry period\n"
     "  --split              write every frame in two parts, 250 ms apart\n"
     "  --hangup-after-ms N  close the terminal after N ms, as if unplugged\n"
+    "  --log-records N      records in the journal (default 300, at most 100000)\n"
+    "  --events N           events in the event memory (default 250, at most 5080,\n"
+    "                       what one transfer carries)\n"
+    "  --reply-gap-ms N     pause between the frames of a log or events answer\n"
     "  --password TEXT      the panel's access password (others are refused); needs --cipher\n"
     "  --cipher FILE        cipher table file, as the engine's cipher.txt\n"
     "  --verbose            print every frame received and every chunk written\n"
     "  --help               this text\n";
 
-bool read_number(const char* text, int& out) {
+constexpr int DEFAULT_LOG_RECORDS = 300;
+constexpr int MAX_LOG_RECORDS = 100000;
+constexpr int DEFAULT_EVENTS = 250;
+// The journal and the event memory begin on 01.06.2024 00:00:00 UTC.
+constexpr uint32_t MEMORY_START = 1717200000;
+
+bool read_number(const char* text, int& out, long max = 86400000) {
     if (text == nullptr) return false;
     char* end = nullptr;
     long value = std::strtol(text, &end, 10);
-    if (end == text || *end != '\0' || value < 0 || value > 86400000) return false;
+    if (end == text || *end != '\0' || value < 0 || value > max) return false;
     out = static_cast<int>(value);
     return true;
 }
 
 // 1: run, 0: help shown, -1: bad option.
 int parse_options(int argc, char** argv, PanelSimOptions& options, bool& verbose, std::string& cipher) {
+    int log_records = DEFAULT_LOG_RECORDS;
+    int events = DEFAULT_EVENTS;
     for (int i = 1; i < argc; ++i) {
         std::string arg = argv[i];
         const char* next = i + 1 < argc ? argv[i + 1] : nullptr;
@@ -69,11 +82,19 @@ int parse_options(int argc, char** argv, PanelSimOptions& options, bool& verbose
             options.content.access_password = argv[++i];
         else if (arg == "--cipher" && next != nullptr)
             cipher = argv[++i];
+        else if (arg == "--log-records" && read_number(next, log_records, MAX_LOG_RECORDS))
+            ++i;
+        else if (arg == "--reply-gap-ms" && read_number(next, options.reply_gap_ms))
+            ++i;
+        else if (arg == "--events" && read_number(next, events, static_cast<long>(SIM_MAX_EVENTS)))
+            ++i;
         else {
             std::cerr << "vorpanel-sim: bad option " << arg << "\n" << usage;
             return -1;
         }
     }
+    options.content.log_records = sim_journal(static_cast<size_t>(log_records), MEMORY_START);
+    options.content.events = sim_event_memory(static_cast<size_t>(events), MEMORY_START);
     return 1;
 }
 

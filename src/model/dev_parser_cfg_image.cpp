@@ -1,0 +1,127 @@
+// Configuration lines from the panel: cutting replies into lines, decoding each
+// line into the configuration map, and the progress of a configuration read.
+#include <climits>
+#include <cstdlib>
+
+#include "core/debug.h"
+#include "core/engine.h"
+#include "core/mutex_lock.h"
+#include "model/dev_parser.h"
+#include "model/dev_parser_helpers.h"
+
+namespace {
+
+// The panel's own configuration holds a few thousand settings; the cap keeps a
+// misbehaving panel (or file) from filling the memory of the engine.
+constexpr size_t kMaxSettings = 65536;
+// A range line names at most this many settings: indices have three digits.
+constexpr long kMaxRangeSpan = 1000;
+
+bool is_digit(char c) {
+    return c >= '0' && c <= '9';
+}
+
+}  // namespace
+
+bool DevParser::put_setting(const std::string& key, const std::string& value) {
+    std::string map_key = sort_fit(key);
+    auto at = cfg.lower_bound(map_key);
+    if (at != cfg.end() && at->first == map_key) {
+        at->second = std::make_pair(key, value);
+        return true;
+    }
+    if (cfg.size() >= kMaxSettings) return false;
+    cfg.emplace_hint(at, std::move(map_key), std::make_pair(key, value));
+    return true;
+}
+
+std::string DevParser::sort_fit(const std::string& key) {
+    std::string letters, digits;
+    letters.reserve(key.size() + 3);
+    for (char c : key) (is_digit(c) ? digits : letters) += c;
+    if (digits.empty()) return letters;
+    if (digits.size() < 3) letters.append(3 - digits.size(), '0');
+    return letters + digits;
+}
+
+int DevParser::parse_cfg(std::vector<unsigned char>& data, unsigned long start) {
+    std::string progress;
+    {
+        MutexLock lock(http_mutex);
+        // While the engine itself reads the configuration (status 4, also in the
+        // reply whose "ec" ends that read) the browser is not told of an update.
+        const bool engine_reading = get_status() == 4;
+        std::string line;
+        for (unsigned long i = start; i < data.size(); ++i) {
+            const unsigned char byte = data[i];
+            if (byte == '\n' || (byte == '\r' && i + 1 < data.size() && data[i + 1] == '\n')) {
+                if (byte == '\r') ++i;
+                parse_cfg_str(line);
+                line.clear();
+                continue;
+            }
+            line += static_cast<char>(byte);
+        }
+        if (!line.empty()) parse_cfg_str(line);
+        if (!cfg_keys.empty() && !engine_reading) status_dev.update = "true";
+        // Wide enough that a panel sending lines for ever cannot overflow it.
+        if (cfg_total != 0) progress = std::to_string(static_cast<int>(cfg_count * 100LL / cfg_total));
+    }
+    // The figure is not clamped: more lines than announced show more than 100.
+    if (!progress.empty()) set_ready_text(&StatusDevice::progress_cfg, progress);
+    return 0;
+}
+
+void DevParser::parse_cfg_str(std::string& line) {
+    if (line.empty()) return;
+    const size_t minus = line.find('-');
+    if (minus == std::string::npos) {
+        if (line.size() > 2 && line.compare(0, 2, "SV") == 0) {
+            cfg_sv = line.substr(2);
+            cfg["sv"] = std::make_pair(std::string("sv"), cfg_sv);
+            cfg_keys.insert("sv");
+        } else {
+            pk7.put(DM_IN_CFG, ("Ключ " + line + " не содержит значение").c_str(), nullptr);
+        }
+        if (cfg_count < INT_MAX) ++cfg_count;
+        return;
+    }
+
+    std::string key = to_lower(line.substr(0, minus));
+    erase_line_ends(key);
+    if (key.empty()) return;
+
+    if (key == "bc") {
+        const std::string value = line.substr(minus + 1);
+        cfg_total = static_cast<int>(strtol(value.c_str(), nullptr, 10));
+        cfg["bc"] = std::make_pair(key, value);
+        cfg_keys.insert(key);
+    } else if (key == "ec") {
+        cfg["ec"] = std::make_pair(key, std::string("1"));
+        cfg_keys.insert(key);
+        if (get_status() == 4) set_status(3);
+    } else {
+        std::string value = line.substr(minus + 1);
+        erase_line_ends(value);
+        const size_t colon = key.find(':');
+        if (colon == std::string::npos || colon + 1 == key.size()) {
+            if (put_setting(key, value) && cfg_keys.size() < kMaxSettings) cfg_keys.insert(key);
+            if (key == "cs1") cfg_cs1 = value;
+        } else {
+            // A range "<name><first>:<last>": every key from first to last gets the value.
+            const size_t digit = key.find_first_of("0123456789");
+            if (digit != std::string::npos) {
+                const long first = strtol(key.c_str() + digit, nullptr, 10);
+                const long last = strtol(key.c_str() + colon + 1, nullptr, 10);
+                const std::string name = key.substr(0, digit);
+                if (last >= first && last - first < kMaxRangeSpan) {
+                    for (long index = first; index <= last; ++index) {
+                        const std::string each = name + std::to_string(index);
+                        if (put_setting(each, value) && cfg_keys.size() < kMaxSettings) cfg_keys.insert(each);
+                    }
+                }
+            }
+        }
+    }
+    if (cfg_count < INT_MAX) ++cfg_count;
+}
