@@ -1,7 +1,11 @@
 // Process start-up, the long-lived globals shared by both threads, shutdown.
 #include "core/engine.h"
 
+#include <unistd.h>
+
+#include <cerrno>
 #include <cstdio>
+#include <cstdlib>
 #include <memory>
 
 #include "core/shell.h"
@@ -63,6 +67,23 @@ std::string read_sudo_user() {
         if (c != '\n' && c != '\r') name += c;
     }
     return name;
+}
+
+bool sudo_uid(uid_t& uid) {
+    const char* text = getenv("SUDO_UID");
+    if (text == nullptr || *text < '0' || *text > '9') return false;
+    char* end = nullptr;
+    errno = 0;
+    unsigned long value = strtoul(text, &end, 10);
+    // (uid_t)-1 means "no user" to the system calls.
+    if (errno != 0 || *end != '\0' || value >= static_cast<uid_t>(-1)) return false;
+    uid = static_cast<uid_t>(value);
+    return true;
+}
+
+uid_t invoking_uid() {
+    uid_t uid = 0;
+    return sudo_uid(uid) ? uid : getuid();
 }
 
 std::string usage_text() {

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <pthread.h>
+#include <sys/types.h>
 
 #include <atomic>
 #include <string>
@@ -35,6 +36,12 @@ int engine_main(int argc, char** argv);
 
 // Reads the invoking user's name from "echo $SUDO_USER" (line ends dropped).
 std::string read_sudo_user();
+
+// The user who started the engine through sudo, from SUDO_UID; false when sudo
+// did not set it (or set something that is not a user id).
+bool sudo_uid(uid_t& uid);
+// The user on whose behalf the engine runs: SUDO_UID, else the real user.
+uid_t invoking_uid();
 
 // Applies one command-line key. Returns false for "help" (the usage text has
 // been printed and the engine must end); unknown keys are ignored.

@@ -1,6 +1,11 @@
 // The GET API: JSON queries of the browser, static files of the user interface and the device command set.
 #include "http/get_api.h"
 
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
@@ -198,8 +203,20 @@ bool get_param(const std::string& target, const std::string& key, std::string& v
     return true;
 }
 
-void send_frame(char* frame, size_t len) {
-    queue.cmd_to_dev(frame, len);
+// True, after one console line, when QUEUE_COMMAND_LIMIT command frames already
+// wait: the command must then be refused and change nothing. Only this thread
+// adds command frames, so room seen here is still there when it queues.
+bool command_queue_full() {
+    if (queue.command_room()) return false;
+    console_stamped(
+        format_to_str("Command refused: %zu commands already wait for the panel", QUEUE_COMMAND_LIMIT));
+    return true;
+}
+
+// Queues the frame of a single command; false (nothing queued) when the queue is full.
+bool send_frame(const char* frame, size_t len) {
+    if (command_queue_full()) return false;
+    return queue.command_to_dev(std::vector<char>(frame, frame + len));
 }
 
 // Both threads write the transfer counters; the device thread holds http_mutex for its updates.
@@ -241,22 +258,61 @@ std::string cmd_load_model_file(const std::string& target) {
     return json_ok;
 }
 
+// Owns one file descriptor; -1 is none.
+class FileFd {
+public:
+    explicit FileFd(int fd) : fd_(fd) {}
+    ~FileFd() {
+        if (fd_ >= 0) close(fd_);
+    }
+    FileFd(const FileFd&) = delete;
+    FileFd& operator=(const FileFd&) = delete;
+    int get() const { return fd_; }
+
+private:
+    int fd_;
+};
+
+// Writes `data` as the whole content of `name` inside the open directory `dir`.
+// The engine runs as root: a link in the file's place is not followed (the
+// write fails), nor is anything but a plain file with one name written, and a
+// FIFO cannot hold the server (non-blocking open). Truncates only after those checks.
+bool write_file_in(int dir, const char* name, const std::string& data) {
+    FileFd file(openat(dir, name, O_WRONLY | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0666));
+    struct stat about {};
+    if (file.get() < 0 || fstat(file.get(), &about) != 0) return false;
+    if (!S_ISREG(about.st_mode) || about.st_nlink != 1) return false;
+    if (ftruncate(file.get(), 0) != 0) return false;
+    for (size_t done = 0; done < data.size();) {
+        ssize_t wrote = write(file.get(), data.data() + done, data.size() - done);
+        if (wrote < 0 && errno == EINTR) continue;
+        if (wrote <= 0) return false;
+        done += static_cast<size_t>(wrote);
+    }
+    return true;
+}
+
 std::string cmd_save_to_drive(const std::string& target) {
     std::string drive;
     if (!get_param(target, "&drive=", drive)) return json_error;
     std::string mount = txt_to_utf8_proc(drive);
+    // The files are made inside this directory, never through a link in its
+    // place (a trailing "/" would make the open follow one).
+    std::string dir_path = mount;
+    while (dir_path.size() > 1 && dir_path.back() == '/') dir_path.pop_back();
+    FileFd dir(open(dir_path.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
 
     std::string clock_path = mount + "/clock.txt";
-    std::string nothing;
-    if (!write_file(clock_path.c_str(), nothing))
+    if (!write_file_in(dir.get(), "clock.txt", ""))
         json.put(DM_IN_SRC, ("error write file " + clock_path).c_str(), nullptr);
 
     std::string cfg_path = mount + "/CONFIG.INI";
     std::string text;
     parser.cfg_to_file(text);
-    if (write_file(cfg_path.c_str(), text)) return json_ok;
-    remove(cfg_path.c_str());
-    if (write_file(cfg_path.c_str(), text)) return json_ok;
+    if (write_file_in(dir.get(), "CONFIG.INI", text)) return json_ok;
+    // Removes whatever stands in the file's place (a link itself, not its target).
+    unlinkat(dir.get(), "CONFIG.INI", 0);
+    if (write_file_in(dir.get(), "CONFIG.INI", text)) return json_ok;
     json.put(DM_IN_SRC, ("error write file " + cfg_path).c_str(), nullptr);
     return json_error;
 }
@@ -269,6 +325,7 @@ std::string cmd_connect(const std::string& target) {
         return json_ok;
     }
     if (port.empty()) return "";
+    if (command_queue_full()) return json_error;
     // Reconnecting must not leak the descriptor of the port already open.
     if (is_open()) close_dev();
     if (!open_dev(port)) {
@@ -308,6 +365,7 @@ std::string cmd_access_password(const std::string& target) {
         std::string value;
         if (!get_param(target, "&pass=", value)) return json_error;
         std::string password = cut_at_continue(value);
+        if (command_queue_full()) return json_error;
         queue.pass_sent = queue.add_pass(password) == 1;
         queue.pass_rejected = false;
     }
@@ -331,12 +389,12 @@ std::string cmd_set_panel_password(const std::string& target) {
     std::string frame = "~0018FPS-      \r\nec";
     frame.replace(9, 6, pass);
     frame += PK7_END;
-    send_frame(frame.data(), frame.size());
-    return json_ok;
+    return send_frame(frame.data(), frame.size()) ? json_ok : json_error;
 }
 
 // Commands 21 and 22 restart the panel: its next plain receipt closes the link.
 std::string cmd_restart(char* frame, size_t len) {
+    if (command_queue_full()) return json_error;
     send_re = true;
     send_frame(frame, len);
     return json_ok;
@@ -352,7 +410,7 @@ std::string cmd_write_config() {
 }
 
 std::string cmd_read_config() {
-    if (dev_no_valid()) return json_error;
+    if (dev_no_valid() || command_queue_full()) return json_error;
     parser.clear();
     parser.set_status(4);
     parser.set_ready_text(&StatusDevice::progress_cfg, "0");
@@ -364,8 +422,7 @@ std::string cmd_speed(const std::string& target) {
     std::string speed;
     if (!get_param(target, "&speed=", speed) || speed.empty()) return json_error;
     cmd_ep[9] = speed[0];
-    send_frame(cmd_ep, cmd_ep_len);
-    return json_ok;
+    return send_frame(cmd_ep, cmd_ep_len) ? json_ok : json_error;
 }
 
 struct ValueFrames {
@@ -393,20 +450,15 @@ ValueFrames xxpg_frames() {
 std::string cmd_with_short_value(const std::string& target, const char* key, const ValueFrames& frames) {
     std::string value;
     if (!get_param(target, key, value)) return json_error;
-    if (value.empty() && frames.none) {
-        send_frame(frames.none, frames.none_len);
-        return json_ok;
-    }
+    if (value.empty() && frames.none) return send_frame(frames.none, frames.none_len) ? json_ok : json_error;
     if (value.size() == 1) {
         frames.one[frames.at] = value[0];
-        send_frame(frames.one, frames.one_len);
-        return json_ok;
+        return send_frame(frames.one, frames.one_len) ? json_ok : json_error;
     }
     if (value.size() == 2) {
         frames.two[frames.at] = value[0];
         frames.two[frames.at + 1] = value[1];
-        send_frame(frames.two, frames.two_len);
-        return json_ok;
+        return send_frame(frames.two, frames.two_len) ? json_ok : json_error;
     }
     return json_error;
 }
@@ -417,12 +469,11 @@ std::string cmd_with_one_char(const std::string& target, const char* key, char* 
     std::string value;
     if (!get_param(target, key, value) || value.size() != 1) return json_error;
     frame[at] = value[0];
-    send_frame(frame, len);
-    return json_ok;
+    return send_frame(frame, len) ? json_ok : json_error;
 }
 
 std::string cmd_read_logs() {
-    send_frame(cmd_pl, cmd_pl_len);
+    if (!send_frame(cmd_pl, cmd_pl_len)) return json_error;
     parser.clear_logs();
     parser.set_status(6);
     reset_counter(parser.log_received);
@@ -431,14 +482,14 @@ std::string cmd_read_logs() {
 }
 
 std::string cmd_log_state() {
-    send_frame(cmd_ls, cmd_ls_len);
+    if (!send_frame(cmd_ls, cmd_ls_len)) return json_error;
     parser.set_status(3);
     parser.set_ready_text(&StatusDevice::rlog, "0");
     return json_ok;
 }
 
 std::string cmd_read_events() {
-    send_frame(cmd_mh, cmd_mh_len);
+    if (!send_frame(cmd_mh, cmd_mh_len)) return json_error;
     parser.set_status(7);
     parser.set_ready_text(&StatusDevice::rmsg, "1");
     return json_ok;
@@ -448,6 +499,7 @@ std::string cmd_read_events() {
 std::string cmd_free_text(const std::string& target) {
     std::string text;
     if (!get_param(target, "&text=", text)) return json_error;
+    if (command_queue_full()) return json_error;
     std::string length = format_to_str("%04d", static_cast<int>(text.size() + 5));
     std::vector<char> frame;
     frame.push_back(PK7_START);
@@ -455,13 +507,11 @@ std::string cmd_free_text(const std::string& target) {
     frame.push_back('F');
     frame.insert(frame.end(), text.begin(), text.end());
     frame.push_back(PK7_END);
-    queue.to_dev(frame);
-    return json_ok;
+    return queue.command_to_dev(frame) ? json_ok : json_error;
 }
 
 std::string queue_and_ok(char* frame, size_t len) {
-    send_frame(frame, len);
-    return json_ok;
+    return send_frame(frame, len) ? json_ok : json_error;
 }
 
 // The answer text of every command that answers with JSON.

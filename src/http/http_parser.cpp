@@ -4,6 +4,7 @@
 #include <climits>
 #include <cstdlib>
 #include <cstring>
+#include <string_view>
 
 #include "core/debug.h"
 #include "core/engine.h"
@@ -22,6 +23,10 @@ static const size_t command_offset = 25;
 static const char* const status_ok = "HTTP/1.1 200 OK\r\n";
 static const char* const connection_close = "Connection: close\r\n";
 static const char* const answer_forbidden = "HTTP/1.1 403 Forbidden\r\nConnection: close\r\n\r\n";
+static const char* const answer_too_large = "HTTP/1.1 413 Payload Too Large\r\nConnection: close\r\n\r\n";
+// The largest body accepted: far above any configuration or firmware image,
+// low enough that an upload cannot exhaust memory.
+static const int max_body_length = 16 * 1024 * 1024;
 
 // ---------------------------------------------------------------------------
 // Splitting the request
@@ -165,18 +170,19 @@ void set_error_and_descr(std::string& out, const char* descr) {
 // The engine drives a life-safety panel: any page the user visits could
 // otherwise post to localhost and reconfigure it (or stop the engine).
 
-static std::string lower_case(const std::string& text) {
-    std::string out = text;
+static std::string lower_case(std::string_view text) {
+    std::string out(text);
     for (char& c : out) {
         if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
     }
     return out;
 }
 
-static std::string trimmed(const std::string& text) {
-    size_t begin = text.find_first_not_of(" \t");
-    if (begin == std::string::npos) return {};
-    size_t end = text.find_last_not_of(" \t");
+// Without the characters of `blanks` at either end.
+static std::string_view trimmed(std::string_view text, std::string_view blanks) {
+    size_t begin = text.find_first_not_of(blanks);
+    if (begin == std::string_view::npos) return {};
+    size_t end = text.find_last_not_of(blanks);
     return text.substr(begin, end - begin + 1);
 }
 
@@ -189,7 +195,7 @@ static bool all_digits(const std::string& text) {
 }
 
 // True for "localhost", "127.0.0.1" or "[::1]", each with an optional ":port".
-static bool is_local_authority(const std::string& authority) {
+static bool is_local_authority(std::string_view authority) {
     std::string text = lower_case(authority);
     std::string host = text;
     std::string port;
@@ -215,38 +221,78 @@ static bool is_local_authority(const std::string& authority) {
     return host == "localhost" || host == "127.0.0.1" || host == "[::1]";
 }
 
-// An origin is "scheme://authority"; "null" and anything without an authority is foreign.
-static bool is_local_origin(const std::string& origin) {
-    size_t mark = origin.find("://");
-    if (mark == std::string::npos) return false;
-    return is_local_authority(origin.substr(mark + 3));
+// Only a page the engine itself served: http, a loopback name and the engine's
+// port. A page of any other local server ("null" included) is foreign.
+static bool is_own_origin(std::string_view origin) {
+    int port = http_server_port();
+    if (port == 0) return false;
+    std::string text = lower_case(origin);
+    std::string suffix = ":" + std::to_string(port);
+    for (const char* host : {"localhost", "127.0.0.1", "[::1]"}) {
+        if (text == "http://" + std::string(host) + suffix) return true;
+    }
+    return false;
 }
 
 // Control bytes are shown as '?' so a hostile header cannot forge console lines.
-static std::string printable(const std::string& text) {
-    std::string out = text;
+static std::string printable(std::string_view text) {
+    std::string out(text);
     for (char& c : out) {
         if (static_cast<unsigned char>(c) < 0x20 || c == 0x7F) c = '?';
     }
     return out;
 }
 
-// Examines the head (the lines after the request line up to the first blank
-// line) and returns why the request must be refused, or an empty text.
-static std::string refusal_reason(const std::vector<std::string>& lines, int header_len, int len) {
-    // A first read that is full and holds no blank line may be cut inside the head: the
-    // lines naming the request's origin could lie beyond it, unseen (a page only has to
-    // pad its URL to push them there).
-    if (header_len == 0 && len >= static_cast<int>(sizeof readBuffer)) return "head longer than one read";
-    for (size_t i = 1; i < lines.size() && !lines[i].empty(); ++i) {
-        size_t colon = lines[i].find(':');
-        if (colon == std::string::npos) continue;
-        std::string name = lower_case(lines[i].substr(0, colon));
-        std::string value = trimmed(lines[i].substr(colon + 1));
+// The request head as a browser means it: lines end at LF (a CR before it is
+// dropped), the head at the first empty line after the request line. Zero
+// bytes are bytes like any other here, so they hide nothing from the guard.
+struct BrowserHead {
+    std::vector<std::string_view> lines;  // the request line first
+    bool complete = false;                // the empty line that ends it was seen
+};
+
+static BrowserHead browser_head(const char* buf, int len) {
+    BrowserHead head;
+    std::string_view rest(buf, len > 0 ? static_cast<size_t>(len) : 0);
+    while (!rest.empty()) {
+        size_t end = rest.find('\n');
+        if (end == std::string_view::npos) {
+            head.lines.push_back(rest);
+            break;
+        }
+        std::string_view line = rest.substr(0, end);
+        if (!line.empty() && line.back() == '\r') line.remove_suffix(1);
+        rest.remove_prefix(end + 1);
+        if (line.empty() && !head.lines.empty()) {
+            head.complete = true;
+            break;
+        }
+        head.lines.push_back(line);
+    }
+    return head;
+}
+
+// Examines the head and returns why the request must be refused, or an empty text.
+static std::string refusal_reason(const char* buf, int len) {
+    BrowserHead head = browser_head(buf, len);
+    // A read that is full and holds no end of the head may be cut inside it: the
+    // lines naming the request's origin could lie beyond it, unseen.
+    if (!head.complete && len >= static_cast<int>(sizeof readBuffer)) return "head longer than one read";
+    static const std::string_view blanks(" \t"), name_blanks(" \t\0", 3);
+    for (size_t i = 1; i < head.lines.size(); ++i) {
+        std::string_view line = head.lines[i];
+        // A continuation of the line before: read differently by different clients.
+        if (line[0] == ' ' || line[0] == '\t') return "folded header line";
+        size_t colon = line.find(':');
+        if (colon == std::string_view::npos) continue;
+        std::string name = lower_case(trimmed(line.substr(0, colon), name_blanks));
+        std::string_view value = trimmed(line.substr(colon + 1), blanks);
         if (name == "host" && !is_local_authority(value)) return "foreign Host: " + printable(value);
-        if (name == "origin" && !is_local_origin(value)) return "foreign Origin: " + printable(value);
-        if (name == "sec-fetch-site" && lower_case(value) == "cross-site")
-            return "Sec-Fetch-Site: cross-site";
+        if (name == "origin" && !is_own_origin(value)) return "foreign Origin: " + printable(value);
+        if (name == "sec-fetch-site") {
+            std::string site = lower_case(value);
+            if (site != "same-origin" && site != "none") return "Sec-Fetch-Site: " + printable(site);
+        }
     }
     return {};
 }
@@ -266,7 +312,8 @@ static int content_length_of(const std::string& line) {
     return static_cast<int>(n);
 }
 
-// Records the upload for processing after the connection is closed and acknowledges it.
+// Records the upload for processing after its answer and acknowledges it. A
+// body declared longer than max_body_length is refused before it is read.
 static int accept_post_body(char* buf, int len, const std::vector<std::string>& lines, int header_len,
                             const std::string& target, std::stringstream& answer, parsing_result& result) {
     result.query = target;
@@ -274,6 +321,13 @@ static int accept_post_body(char* buf, int len, const std::vector<std::string>& 
         if (line.find("Content-Length:") != std::string::npos)
             result.content_length = content_length_of(line);
         if (line.find("Content-Type:") != std::string::npos) result.content_type = line.substr(13);
+    }
+    if (result.content_length > max_body_length) {
+        console_stamped("Request refused, body of " + std::to_string(result.content_length) +
+                        " bytes is over the limit of " + std::to_string(max_body_length));
+        result = parsing_result();
+        answer << answer_too_large;
+        return 0;
     }
     fill_content(result, buf, len, header_len);
     set_response_json(answer, json_ok);
@@ -312,7 +366,7 @@ int parse(char* buf, int len, std::stringstream& answer, parsing_result& result)
     split_elements(lines[0], elements);
     if (debug_mode && dm_h2) print_request(buf, len);
 
-    std::string reason = refusal_reason(lines, header_len, len);
+    std::string reason = refusal_reason(buf, len);
     if (!reason.empty()) {
         console_stamped("Request refused, " + reason);
         answer << answer_forbidden;

@@ -1,9 +1,12 @@
-// The HTTP server loop: one connection at a time, one request per connection.
+// The HTTP server loop: loopback connections waited on together, their requests
+// served one at a time, one request per connection.
 #pragma once
 
-extern int TimeoutSelectForAccept;  // seconds to wait for the next connection
-extern int TimeoutSelectForRecv;    // seconds to wait for the first request bytes
-extern char readBuffer[1400];
+extern int TimeoutSelectForAccept;  // seconds without a new connection before the engine ends
+extern int TimeoutSelectForRecv;    // seconds a connection has for the first bytes of its request
+// The first read of a request: one recv of up to this many bytes, so that a
+// browser's head with cookies of other local sites fits.
+extern char readBuffer[16384];
 
 // Listens on 127.0.0.1, the first free port from 8080 to 8099, starts the
 // browser and serves until is_exit. 1 when the socket could not be set up,

@@ -3,6 +3,7 @@
 
 #include <fcntl.h>
 #include <poll.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -25,6 +26,10 @@ unsigned char pbuf[1024];
 uint64_t bytesRead = 0;
 std::atomic<uint64_t> no_read_ms{0};
 
+// Changes (under port_mutex) with every open and close, so that a write waiting
+// outside the lock can tell that USB no longer names the port it began on.
+static uint64_t port_generation = 0;
+
 // port_mutex starts statically initialised; it only needs a fresh init after
 // dev_destroy, never while another thread may hold it.
 static std::atomic<bool> port_mutex_destroyed{false};
@@ -37,6 +42,8 @@ static constexpr const char* TITLE_IN_SRC = " <<<PK7_IN_SRC       ";
 
 static constexpr useconds_t STTY_SETTLE_US = 2000000;
 static constexpr int READ_WAIT_MS = 100;
+// A frame the port does not take within this time counts as a failed write.
+static constexpr uint64_t WRITE_DEADLINE_MS = 1000;
 static constexpr useconds_t CYCLE_US = 100000;
 
 static bool channel_on(bool kind_switch) {
@@ -91,6 +98,26 @@ static void prepare_line(const std::string& path) {
     usleep(STTY_SETTLE_US);
 }
 
+// The engine runs as root: the port must be a terminal device of root or of
+// the invoking user. "stty raw" on another user's terminal would take it over,
+// and writing frames into a regular file would append to it.
+static bool is_our_terminal_node(const struct stat& node) {
+    return S_ISCHR(node.st_mode) && (node.st_uid == 0 || node.st_uid == invoking_uid());
+}
+
+// The path (links followed) names a terminal we may use; `node` describes it.
+static bool port_path_allowed(const std::string& path, struct stat& node) {
+    return stat(path.c_str(), &node) == 0 && is_our_terminal_node(node);
+}
+
+// The descriptor is the device that was checked (not something swapped in
+// since) and a terminal.
+static bool opened_the_checked_port(int fd, const struct stat& checked) {
+    struct stat node {};
+    return fstat(fd, &node) == 0 && is_our_terminal_node(node) && node.st_rdev == checked.st_rdev &&
+           isatty(fd) == 1;
+}
+
 // The shell commands and the browser started later must not inherit the
 // panel's port, and descriptor 0 would read as "no device".
 static int keep_from_children(int fd) {
@@ -105,7 +132,8 @@ static int keep_from_children(int fd) {
 }
 
 int open_dev(std::string& path) {
-    if (!plain_device_path(path)) {
+    struct stat node {};
+    if (!plain_device_path(path) || !port_path_allowed(path, node)) {
         console_line("Error. Don't open device (w)" + path);
         return 0;
     }
@@ -115,7 +143,14 @@ int open_dev(std::string& path) {
     int replaced = 0;
     {
         MutexLock lock(port_mutex);
-        fd = keep_from_children(open(path.c_str(), O_RDWR | O_NOCTTY));
+        // Non-blocking: writes have a deadline (write_dev), and opening never
+        // waits for a modem line.
+        fd = keep_from_children(open(path.c_str(), O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC));
+        if (fd >= 0 && !opened_the_checked_port(fd, node)) {
+            close(fd);
+            fd = -1;
+        }
+        ++port_generation;
         if (fd < 0) {
             replaced = USB.exchange(0);
         } else {
@@ -141,6 +176,7 @@ void close_dev() {
         MutexLock lock(port_mutex);
         fd = USB.exchange(0);
         if (fd != 0) close(fd);
+        ++port_generation;
     }
     if (fd != 0) console_line("Close device ");
 }
@@ -153,14 +189,42 @@ bool dev_no_valid() {
     return USB == 0;
 }
 
-bool write_dev(void* buf, size_t len) {
-    ssize_t written = 0;
-    {
-        MutexLock lock(port_mutex);
-        int fd = USB;
-        if (fd != 0) written = write(fd, buf, len);
+// Writes what the port takes now of bytes[done, len) under the lock. False
+// when the port is gone, was reopened since `generation`, or failed.
+static bool write_some(const char* bytes, size_t len, size_t& done, int& fd, uint64_t& generation) {
+    MutexLock lock(port_mutex);
+    if (USB == 0) return false;
+    if (fd == -1) {
+        fd = USB;
+        generation = port_generation;
     }
-    if (written < 0 || static_cast<size_t>(written) != len) return false;
+    if (USB != fd || port_generation != generation) return false;
+    if (done == len) return true;
+    ssize_t wrote = write(fd, bytes + done, len - done);
+    if (wrote > 0) done += static_cast<size_t>(wrote);
+    return wrote >= 0 || errno == EAGAIN || errno == EINTR;
+}
+
+// The frame goes out whole within WRITE_DEADLINE_MS or counts as not written
+// (a cut one is dropped by the panel's reader at the next start byte). The
+// lock is held only for each non-blocking write, never while waiting, so a
+// panel that stopped reading cannot keep disconnect or the watchdog waiting.
+bool write_dev(void* buf, size_t len) {
+    const char* bytes = static_cast<const char*>(buf);
+    size_t done = 0;
+    int fd = -1;
+    uint64_t generation = 0;
+    const uint64_t deadline = monotonic_ms() + WRITE_DEADLINE_MS;
+    for (;;) {
+        if (!write_some(bytes, len, done, fd, generation)) return len == 0 && fd == -1;
+        if (done == len) break;
+        uint64_t now = monotonic_ms();
+        if (now >= deadline) return false;
+        // Waits unlocked on the descriptor seen under the lock; write_some
+        // checks that it is still the port before writing again.
+        pollfd waiting{fd, POLLOUT, 0};
+        poll(&waiting, 1, static_cast<int>(deadline - now));
+    }
     if (channel_on(dm_s1)) dump(DM_OUT_SRC, buf, len, TITLE_OUT_SRC);
     return true;
 }

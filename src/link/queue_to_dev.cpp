@@ -32,10 +32,27 @@ Queue::~Queue() {
     pthread_mutex_destroy(&mutex);
 }
 
+void Queue::push(std::vector<char> frame, bool command) {
+    packets.push_back({std::move(frame), command});
+    ++count;
+    if (command) ++commands;
+}
+
 void Queue::to_dev(std::vector<char>& frame) {
     MutexLock lock(mutex);
-    packets.push_back(frame);
-    ++count;
+    push(frame, false);
+}
+
+bool Queue::command_to_dev(const std::vector<char>& frame) {
+    MutexLock lock(mutex);
+    if (commands >= QUEUE_COMMAND_LIMIT) return false;
+    push(frame, true);
+    return true;
+}
+
+bool Queue::command_room() {
+    MutexLock lock(mutex);
+    return commands < QUEUE_COMMAND_LIMIT;
 }
 
 void Queue::cmd_to_dev(char* data, size_t len) {
@@ -50,20 +67,21 @@ char* Queue::get(size_t& len) {
         len = 0;
         return nullptr;
     }
-    len = packets.front().size();
-    return packets.front().data();
+    len = packets.front().frame.size();
+    return packets.front().frame.data();
 }
 
 bool Queue::get_copy(std::vector<char>& frame) {
     MutexLock lock(mutex);
     if (packets.empty()) return false;
-    frame = packets.front();
+    frame = packets.front().frame;
     return true;
 }
 
 bool Queue::pop() {
     MutexLock lock(mutex);
     if (!packets.empty()) {
+        if (packets.front().command) --commands;
         packets.pop_front();
         --count;
     }
@@ -84,6 +102,7 @@ void Queue::clear() {
     MutexLock lock(mutex);
     packets.clear();
     count = 0;
+    commands = 0;
 }
 
 void build_pass_key(const std::string& password, uint8_t key[32]) {
@@ -125,8 +144,7 @@ int Queue::add_pass(std::string& password) {
     std::memcpy(payload + sizeof pass_block_tag, block, ciphertext_size);
     std::vector<char> frame;
     if (form_pk7_packet_binary('B', payload, sizeof payload, frame) != 1) return 0;
-    to_dev(frame);
-    return 1;
+    return command_to_dev(frame) ? 1 : 0;
 }
 
 BBQueue::BBQueue() = default;
@@ -144,6 +162,7 @@ void BBQueue::clear() {
     MutexLock lock(mutex);
     packets.clear();
     count = 0;
+    commands = 0;
     num_try = 0;
     start_flag = false;
 }

@@ -10,6 +10,10 @@
 #include <string>
 #include <vector>
 
+// Frames of single commands that may wait for the panel at once. A
+// configuration write is not counted: its packets are queued whole.
+inline constexpr size_t QUEUE_COMMAND_LIMIT = 256;
+
 class Queue {
 public:
     Queue();
@@ -19,6 +23,11 @@ public:
 
     void to_dev(std::vector<char>& frame);
     void cmd_to_dev(char* data, size_t len);
+    // Queues the frame of a single command from the browser; false, and
+    // nothing queued, when QUEUE_COMMAND_LIMIT such frames already wait.
+    bool command_to_dev(const std::vector<char>& frame);
+    // True while one more command frame may be queued.
+    bool command_room();
     // Head frame without removing it; null and len 0 when empty. The pointer
     // stays valid until pop or clear.
     char* get(size_t& len);
@@ -27,7 +36,8 @@ public:
     bool get_copy(std::vector<char>& frame);
     // Removes the head; true when the queue is empty afterwards.
     bool pop();
-    // Builds the access-password block and queues it; 1 queued, 0 not.
+    // Builds the access-password block and queues it as a command frame; 1
+    // queued, 0 not (also when QUEUE_COMMAND_LIMIT command frames wait).
     int add_pass(std::string& password);
     bool is_empty();
     size_t size();
@@ -37,8 +47,15 @@ public:
     std::atomic<bool> pass_rejected{false};  // the panel answered it with "AN3"
 
 protected:
-    std::list<std::vector<char>> packets;
+    struct Queued {
+        std::vector<char> frame;
+        bool command;  // from a single command, counted against QUEUE_COMMAND_LIMIT
+    };
+    void push(std::vector<char> frame, bool command);
+
+    std::list<Queued> packets;
     uint64_t count = 0;
+    size_t commands = 0;  // elements of packets with `command` set
     pthread_mutex_t mutex;
 };
 

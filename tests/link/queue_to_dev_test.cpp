@@ -90,3 +90,24 @@ TEST(Queue, ConcurrentProducersAndConsumerKeepEveryFrameInOrder) {
     for (std::thread* producer : {&a, &b}) producer->join();
     EXPECT_EQ(taken, (std::map<char, int>{{'a', frames}, {'b', frames}}));
 }
+
+// At most 256 command frames wait; a configuration write queues its packets (to_dev, and the closing
+// cmd_to_dev) whole however many there are, and they do not use up the commands' room.
+TEST(Queue, CommandFramesAreBoundedAConfigurationWriteIsNot) {
+    Queue q;
+    const std::vector<char> command = {'~', 'c', '\x7f'};
+    for (size_t i = 0; i < QUEUE_COMMAND_LIMIT; ++i) ASSERT_TRUE(q.command_to_dev(command)) << i;
+    EXPECT_FALSE(q.command_room());
+    EXPECT_FALSE(q.command_to_dev(command));
+    // 2,000 setting lines of about 15 bytes go in packets of a little over 300 bytes.
+    std::vector<char> packet(301, 'k');
+    for (int i = 0; i < 100; ++i) q.to_dev(packet);
+    q.cmd_to_dev(const_cast<char*>("~0007FEC\x7f"), 9);
+    EXPECT_EQ(q.size(), QUEUE_COMMAND_LIMIT + 101);
+    EXPECT_FALSE(q.command_to_dev(command));
+    q.pop();  // a command frame went out: room for one more
+    EXPECT_TRUE(q.command_to_dev(command));
+    EXPECT_FALSE(q.command_to_dev(command));
+    q.clear();
+    EXPECT_TRUE(q.command_room());
+}

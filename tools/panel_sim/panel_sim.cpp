@@ -324,7 +324,10 @@ void PanelSim::handle_block(const std::string& payload) {
         return;
     }
     if (!block_ack_) return;
-    queue_frame(sim_receipt());
+    if (options_.block_ack_delay_ms > 0)
+        queue_bytes(sim_receipt(), Clock::now() + std::chrono::milliseconds(options_.block_ack_delay_ms));
+    else
+        queue_frame(sim_receipt());
     if (payload.size() < 2) return;
     auto kind = static_cast<unsigned char>(payload[0]);
     if ((kind == 131 || kind == 132) && payload[1] == 0) firmware_target_ = kind == 132 ? 0 : 1;

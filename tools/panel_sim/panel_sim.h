@@ -35,6 +35,9 @@ struct PanelSimOptions {
     int hangup_after_ms = 0;   // close the pty master after this long; 0: never
     int reply_gap_ms = 0;      // pause between the frames of a log or events answer
     PanelContent content = PanelContent::standard();
+
+    // A slow panel: receipts for firmware blocks come this late.
+    int block_ack_delay_ms = 0;
 };
 
 // A frame the engine wrote, unstuffed, without start and end bytes.
