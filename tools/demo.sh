@@ -72,9 +72,11 @@ console_url="http://localhost:$port/"
 echo
 echo "    Console: $console_url"
 echo
-# As root the engine starts the invoking user's browser itself; otherwise the
-# desktop's opener does, where there is a desktop.
-if [ "$(id -u)" != 0 ] && [ -n "${DISPLAY:-}${WAYLAND_DISPLAY:-}" ] && command -v xdg-open >/dev/null; then
+# Run as root under sudo the engine starts the invoking user's browser itself;
+# otherwise the desktop's opener does, where there is a desktop.
+engine_opens=""
+[ "$(id -u)" = 0 ] && [ -n "${SUDO_USER:-}" ] && engine_opens=yes
+if [ -z "$engine_opens" ] && [ -n "${DISPLAY:-}${WAYLAND_DISPLAY:-}" ] && command -v xdg-open >/dev/null; then
     xdg-open "$console_url" >/dev/null 2>&1 &
 fi
 echo "Live status every 2 s (Ctrl+C ends both programs):"
