@@ -17,8 +17,13 @@ run:
 	cmake --build $(BUILD) -j2 --target vorcore vorpanel-sim
 	tools/demo.sh $(BUILD)
 
+# The browser tests' driver (playwright-core, no browser download).
+JS_DEPS := tests/js/node_modules/.installed
+$(JS_DEPS): tests/js/package-lock.json
+	cd tests/js && npm ci --no-audit --no-fund && touch node_modules/.installed
+
 # Builds everything and runs every test.
-test: build
+test: build $(JS_DEPS)
 	cd $(BUILD) && ctest --output-on-failure
 
 # The minute-long silence watchdog test runs once, in the plain suite.
@@ -28,7 +33,7 @@ THREADED_TESTS := queue_to_dev_test http_server_test exchange_test dev_port_test
 	logs_events_test config_test engine_config_test
 
 # The whole suite under AddressSanitizer and UndefinedBehaviorSanitizer.
-test-asan:
+test-asan: $(JS_DEPS)
 	cmake -S . -B $(BUILD)-asan $(GENERATOR) -DCMAKE_BUILD_TYPE=Debug -DVORCORE_ASAN=ON >/dev/null
 	cmake --build $(BUILD)-asan -j2
 	cd $(BUILD)-asan && ASAN_OPTIONS=detect_leaks=1 UBSAN_OPTIONS=print_stacktrace=1 \

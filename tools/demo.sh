@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Starts the panel simulator and the engine side by side, connects them the way
-# the browser does, and shows the panel's live status until Ctrl+C.
+# the console does, prints the console's address (and opens it where there is a
+# desktop), and shows the panel's live status in one line until Ctrl+C.
 set -u
 build=${1:-build}
 here=$(cd "$(dirname "$0")/.." && pwd)
@@ -51,12 +52,12 @@ echo "Panel simulator on $pty"
 
 (cd "$run_dir" && exec "$build/vorcore") >"$engine_log" 2>&1 &
 engine_pid=$!
+# The port is read from the engine's own listening socket, not from its log:
+# another engine may hold a port that this one only tried.
 for _ in $(seq 50); do
-    port=$(sed -n 's/^bind port \([0-9]*\)\.\.\.$/\1/p' "$engine_log" | tail -n 1)
-    if [ -n "$port" ] && curl -s --max-time 1 "http://127.0.0.1:$port/tuning/device?id=-1&version=" >/dev/null 2>&1; then
-        break
-    fi
-    port=""
+    port=$(python3 "$here/tools/demo_status.py" port "$engine_pid")
+    [ -n "$port" ] && break
+    kill -0 "$engine_pid" 2>/dev/null || break
     sleep 0.1
 done
 if [ -z "$port" ]; then
@@ -64,18 +65,29 @@ if [ -z "$port" ]; then
     stop_all
     exit 1
 fi
-echo "Engine listening on http://localhost:$port"
 
-echo "Connecting (the engine prepares the port for 2 s)..."
-curl -s "http://127.0.0.1:$port/tuning/device?id=-1&cmd=11&com=$pty"
+echo "Connecting the engine to the simulator (the engine prepares the port for 2 s)..."
+curl -s "http://127.0.0.1:$port/tuning/device?id=-1&cmd=11&com=$pty" >/dev/null
+console_url="http://localhost:$port/"
 echo
+echo "    Console: $console_url"
+echo
+# Run as root under sudo the engine starts the invoking user's browser itself;
+# otherwise the desktop's opener does, where there is a desktop.
+engine_opens=""
+[ "$(id -u)" = 0 ] && [ -n "${SUDO_USER:-}" ] && engine_opens=yes
+if [ -z "$engine_opens" ] && [ -n "${DISPLAY:-}${WAYLAND_DISPLAY:-}" ] && command -v xdg-open >/dev/null; then
+    xdg-open "$console_url" >/dev/null 2>&1 &
+fi
 echo "Live status every 2 s (Ctrl+C ends both programs):"
 while true; do
-    sleep 2
-    if ! curl -s --max-time 3 "http://127.0.0.1:$port/tuning/device?id=-1&statusdevice"; then
+    if ! line=$(curl -s --max-time 3 "http://127.0.0.1:$port/tuning/device?id=-1&statusdevice" |
+        python3 "$here/tools/demo_status.py" summary); then
+        echo
         echo "The engine has stopped; see $engine_log"
         stop_all
         exit 1
     fi
-    echo
+    if [ -t 1 ]; then printf '\r\033[K%s' "$line"; else echo "$line"; fi
+    sleep 2
 done

@@ -80,7 +80,7 @@ def check_curl(port):
 
 def check_chromium(port, root):
     if not os.path.exists("/usr/bin/chromium"):
-        return print("SKIP chromium: /usr/bin/chromium is not installed")
+        return check("chromium is installed (Debian package chromium)", False, "/usr/bin/chromium is missing")
     command = ["/usr/bin/chromium", "--headless", "--no-sandbox", "--dump-dom", "--virtual-time-budget=5000",
                "--user-data-dir=" + root + "/profile", "http://localhost:%d/" % port]
     # Its own session, so that the browser is ended with all of its helper processes.

@@ -31,6 +31,7 @@ struct PanelContent {
     std::vector<SimEvent> events;
     char firmware_result = '1';     // r of the "UR<d>-<r>" report
     bool reject_password = false;   // answer the password block with "AN3"
+    std::string access_password;    // when set, only this password opens the panel (needs the cipher table)
     size_t max_text_payload = 200;  // text replies are cut into frames of at most this
 
     // A small but complete panel: settings, three log records, three events.

@@ -14,6 +14,8 @@
 #include <cstring>
 #include <iostream>
 
+#include "crypto/CryptoKey.h"
+
 namespace {
 
 using Clock = std::chrono::steady_clock;
@@ -44,6 +46,24 @@ std::string printable(const std::string& bytes) {
 
 bool starts_with(const std::string& text, const char* prefix) {
     return text.rfind(prefix, 0) == 0;
+}
+
+// The panel's check of an access-password block: the key is the password, 0x0D,
+// the password again..., 32 bytes; the block opens with it when its CRC holds.
+bool password_opens(const std::string& password, const std::string& cipher_text) {
+    if (password.empty()) return true;
+    uint8_t key[32];
+    for (size_t i = 0, from = 0; i < sizeof key; ++i) {
+        if (from == password.size()) {
+            key[i] = 0x0D;
+            from = 0;
+        } else {
+            key[i] = static_cast<uint8_t>(password[from++]);
+        }
+    }
+    std::vector<uint8_t> block(cipher_text.begin(), cipher_text.end());
+    std::vector<uint8_t> plain;
+    return !block.empty() && DecryptGOST(block.data(), static_cast<int>(block.size()), key, plain) != 0;
 }
 
 }  // namespace
@@ -299,7 +319,8 @@ void PanelSim::handle_block(const std::string& payload) {
     PanelContent now = content();
     if (payload.size() >= 2 && static_cast<unsigned char>(payload[0]) == 0x82 && payload[1] == 0) {
         if (!block_ack_) return;
-        queue_frame(now.reject_password ? sim_frame('A', "N3") : sim_receipt());
+        bool refused = now.reject_password || !password_opens(now.access_password, payload.substr(2));
+        queue_frame(refused ? sim_frame('A', "N3") : sim_receipt());
         return;
     }
     if (!block_ack_) return;

@@ -14,6 +14,7 @@
 #include <iostream>
 #include <string>
 
+#include "crypto/CryptoKey.h"
 #include "panel_sim.h"
 
 namespace {
@@ -33,6 +34,8 @@ const char* usage =
     "  --events N           events in the event memory (default 250, at most 5080,\n"
     "                       what one transfer carries)\n"
     "  --reply-gap-ms N     pause between the frames of a log or events answer\n"
+    "  --password TEXT      the panel's access password (others are refused); needs --cipher\n"
+    "  --cipher FILE        cipher table file, as the engine's cipher.txt\n"
     "  --verbose            print every frame received and every chunk written\n"
     "  --help               this text\n";
 
@@ -52,7 +55,7 @@ bool read_number(const char* text, int& out, long max = 86400000) {
 }
 
 // 1: run, 0: help shown, -1: bad option.
-int parse_options(int argc, char** argv, PanelSimOptions& options, bool& verbose) {
+int parse_options(int argc, char** argv, PanelSimOptions& options, bool& verbose, std::string& cipher) {
     int log_records = DEFAULT_LOG_RECORDS;
     int events = DEFAULT_EVENTS;
     for (int i = 1; i < argc; ++i) {
@@ -75,6 +78,10 @@ int parse_options(int argc, char** argv, PanelSimOptions& options, bool& verbose
             ++i;
         else if (arg == "--hangup-after-ms" && read_number(next, options.hangup_after_ms))
             ++i;
+        else if (arg == "--password" && next != nullptr && *next != '\0')
+            options.content.access_password = argv[++i];
+        else if (arg == "--cipher" && next != nullptr)
+            cipher = argv[++i];
         else if (arg == "--log-records" && read_number(next, log_records, MAX_LOG_RECORDS))
             ++i;
         else if (arg == "--reply-gap-ms" && read_number(next, options.reply_gap_ms))
@@ -96,12 +103,18 @@ int parse_options(int argc, char** argv, PanelSimOptions& options, bool& verbose
 int main(int argc, char** argv) {
     PanelSimOptions options;
     bool verbose = false;
-    int parsed = parse_options(argc, argv, options, verbose);
+    std::string cipher;
+    int parsed = parse_options(argc, argv, options, verbose, cipher);
     if (parsed == 0) {
         std::cout << usage;
         return 0;
     }
     if (parsed < 0) return 1;
+    std::string error;
+    if (!options.content.access_password.empty() && !load_cipher_file(cipher.c_str(), error)) {
+        std::cerr << "vorpanel-sim: --password needs a usable --cipher file: " << error << "\n";
+        return 1;
+    }
 
     // The panel thread inherits the blocked signals, so only sigwait below sees them.
     sigset_t stop_signals;

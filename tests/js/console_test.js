@@ -1,0 +1,458 @@
+// The web console end to end: headless Chromium drives js/ served by the real engine, which talks to
+// the panel simulator on a pseudo-terminal. Every job of the console is done once through the page.
+// Usage: node console_test.js <vorcore> <vorpanel-sim> <source dir> <artifact dir>
+import { spawn, spawnSync } from 'node:child_process';
+import fs from 'node:fs';
+import os from 'node:os';
+import path from 'node:path';
+
+const [vorcore, simulator, source, artifacts] = process.argv.slice(2).map((p) => p && path.resolve(p));
+const CHROMIUM = '/usr/bin/chromium';
+const PASSWORD = '123456';
+const WAIT = 15000;
+const counts = { passed: 0, failed: 0 };
+const timings = {};
+
+function check(name, ok, detail = '') {
+  counts[ok ? 'passed' : 'failed'] += 1;
+  console.log(`${ok ? 'PASS' : 'FAIL'} ${name}${ok ? '' : `: ${detail}`}`);
+  return ok;
+}
+
+// Runs one step; a thrown error (a wait that timed out) fails it with the page's error messages.
+async function step(name, page, body) {
+  try {
+    const detail = await body();
+    check(name, detail === undefined || detail === true, detail);
+  } catch (error) {
+    const shown = page ? await page.locator('#errors').innerText().catch(() => '') : '';
+    check(name, false, `${error.message.split('\n')[0]}${shown ? ` | page: ${shown}` : ''}`);
+  }
+}
+
+const sleep = (ms) => new Promise((resolve) => setTimeout(resolve, ms));
+
+async function until(probe, what, ms = WAIT) {
+  const deadline = Date.now() + ms;
+  for (;;) {
+    const value = await probe();
+    if (value) return value;
+    if (Date.now() > deadline) throw new Error(`timed out waiting for ${what}`);
+    await sleep(50);
+  }
+}
+
+// ---- The programs under test
+
+function fail(message) {
+  check('test driver', false, message);
+  console.log(`${counts.passed} passed, ${counts.failed} failed`);
+  process.exit(1);
+}
+
+function start(program, args, options, logFile) {
+  const log = fs.openSync(logFile, 'w');
+  const child = spawn(program, args, { ...options, stdio: ['ignore', log, log] });
+  child.on('error', (error) => fs.appendFileSync(logFile, `spawn: ${error.message}\n`));
+  return child;
+}
+
+const readText = (file) => (fs.existsSync(file) ? fs.readFileSync(file, 'latin1') : '');
+
+function prepareWorkDir(scratch) {
+  const work = path.join(scratch, 'work');
+  fs.cpSync(path.join(source, 'js'), path.join(work, 'js'), { recursive: true });
+  fs.cpSync(path.join(source, 'devs'), path.join(work, 'devs'), { recursive: true });
+  fs.copyFileSync(path.join(source, 'data/cipher-test.txt'), path.join(work, 'cipher.txt'));
+  // Started as root the engine opens a browser through su: a stand-in keeps it from doing so.
+  fs.mkdirSync(path.join(scratch, 'bin'));
+  fs.writeFileSync(path.join(scratch, 'bin/su'), '#!/bin/sh\n', { mode: 0o755 });
+  return work;
+}
+
+// The TCP port on which a process listens, from /proc (its log may name ports taken by others).
+function listeningPort(pid) {
+  let inodes;
+  try {
+    inodes = new Set(fs.readdirSync(`/proc/${pid}/fd`).map((fd) => {
+      try { return /^socket:\[(\d+)\]$/.exec(fs.readlinkSync(`/proc/${pid}/fd/${fd}`))?.[1]; } catch { return null; }
+    }).filter(Boolean));
+  } catch {
+    return null;
+  }
+  for (const table of ['/proc/net/tcp', '/proc/net/tcp6']) {
+    for (const row of readText(table).split('\n').slice(1)) {
+      const fields = row.trim().split(/\s+/);
+      if (fields[3] === '0A' && inodes.has(fields[9])) return parseInt(fields[1].split(':').pop(), 16);
+    }
+  }
+  return null;
+}
+
+// The frames the simulator received, as it printed them ("panel << <body>").
+function simFrames(logFile) {
+  return readText(logFile).split('\n').filter((l) => l.startsWith('panel << ')).map((l) => l.slice(9));
+}
+
+// Turns the simulator's printable form back into bytes (<xx> is a byte in hex).
+function unprintable(text) {
+  const bytes = [];
+  const marks = { '<START>': 0x7e, '<END>': 0x7f };
+  for (let i = 0; i < text.length;) {
+    const hex = /^(?:<([0-9a-f]{2})>|<START>|<END>)/.exec(text.slice(i));
+    if (hex) {
+      bytes.push(hex[1] ? parseInt(hex[1], 16) : marks[hex[0]]);
+      i += hex[0].length;
+    } else {
+      bytes.push(text.charCodeAt(i));
+      i += 1;
+    }
+  }
+  return Buffer.from(bytes);
+}
+
+// A firmware image with zero bytes, high bytes and the frame bytes 0x7D-0x7F, whose
+// first zero byte comes before any blank line (see the README).
+function firmwareImage(size) {
+  const image = Buffer.alloc(size);
+  for (let i = 0; i < size; i += 1) image[i] = (i * 37 + (i >> 8)) & 0xff;
+  image[1] = 0;
+  return image;
+}
+
+// ---- The browser
+
+async function loadPlaywright() {
+  try {
+    return (await import('playwright-core')).chromium;
+  } catch {
+    return fail('playwright-core is missing: run "npm ci" in tests/js');
+  }
+}
+
+async function launch(chromium, scratch) {
+  return chromium.launchPersistentContext(path.join(scratch, 'profile'), {
+    executablePath: CHROMIUM,
+    headless: true,
+    args: ['--headless', '--no-sandbox', '--disable-gpu', '--disable-quic', '--no-first-run',
+      '--disable-background-networking', '--disable-component-update', '--disable-sync'],
+    viewport: { width: 1280, height: 800 },
+    acceptDownloads: true,
+    env: { ...process.env, HOME: scratch },
+  });
+}
+
+// Milliseconds from a view's switch to its data on screen, from the console's own marks.
+async function viewTime(page, name) {
+  return page.evaluate((view) => {
+    const ready = performance.getEntriesByType('mark').filter((m) => m.name.startsWith(`view-ready:${view}:`)).pop();
+    const open = ready && performance.getEntriesByName(ready.name.replace('ready', 'open'))[0];
+    return ready && open ? Math.round(ready.startTime - open.startTime) : -1;
+  }, name);
+}
+
+async function openView(page, name, shot = `view-${name}.png`) {
+  const before = await page.getAttribute(`#view-${name}`, 'data-shown');
+  await page.click(`nav a[data-view-link="${name}"]`);
+  await until(async () => (await page.getAttribute(`#view-${name}`, 'data-shown')) !== before, `view ${name}`);
+  (timings[`switch to ${name}`] ??= []).push(await viewTime(page, name));
+  await page.screenshot({ path: path.join(artifacts, shot) });
+}
+
+const note = (page) => page.locator('#note').innerText();
+const errors = (page) => page.locator('#errors').innerText();
+
+async function waitNote(page, pattern, ms = WAIT) {
+  return until(async () => pattern.test(await note(page)) || null, `note ${pattern}`, ms);
+}
+
+async function waitError(page, text) {
+  return until(async () => (await errors(page)).includes(text) || null, `error "${text}"`);
+}
+
+async function clearErrors(page) {
+  await page.evaluate(() => document.querySelector('#errors').replaceChildren());
+}
+
+async function password(page, text, button = 'send') {
+  await until(() => page.locator('#password-dialog').isVisible(), 'password dialog');
+  await page.fill('#password-field', text);
+  await page.click(`#password-dialog button[value="${button}"]`);
+}
+
+async function download(page, click) {
+  const [file] = await Promise.all([page.waitForEvent('download', { timeout: WAIT }), page.click(click)]);
+  return fs.readFileSync(await file.path());
+}
+
+async function configValue(page, key) {
+  const input = page.locator(`#cfg-body tr[data-key="${key}"] input`).first();
+  return (await input.count()) ? input.inputValue() : null;
+}
+
+// ---- The jobs, in an installer's order
+
+async function run(page, port, pty, simLog, scratch) {
+  const base = `http://127.0.0.1:${port}`;
+  await step('first load shows the connection page with Russian labels', page, async () => {
+    await page.goto(`${base}/#connection`);
+    await until(() => page.getAttribute('#view-connection', 'data-shown'), 'connection view');
+    timings['first load (connection page with data)'] = await page.evaluate(() => Math.round(
+      performance.getEntriesByType('mark').find((m) => m.name.startsWith('view-ready:'))?.startTime ?? -1));
+    await page.screenshot({ path: path.join(artifacts, 'view-connection.png') });
+    const text = await page.locator('body').innerText();
+    return /Подключить/.test(text) && /Связь с прибором/.test(text) || text.slice(0, 200);
+  });
+
+  await step('every control has a label and keyboard focus reaches the views', page, async () => {
+    const unlabelled = await page.evaluate(() => [...document.querySelectorAll('input, select, button')]
+      .filter((el) => !(el.labels?.length || el.getAttribute('aria-label') || el.textContent.trim()))
+      .map((el) => el.id || el.outerHTML.slice(0, 60)));
+    await page.keyboard.press('Tab');
+    await page.keyboard.press('Tab');
+    const focused = await page.evaluate(() => document.activeElement?.getAttribute('href'));
+    const lang = await page.getAttribute('html', 'lang');
+    return (unlabelled.length === 0 && focused === '#connection' && lang === 'ru') || `${unlabelled} focus=${focused} lang=${lang}`;
+  });
+
+  await step('a port that cannot be opened shows the engine\'s message', page, async () => {
+    await page.fill('#port-manual', '/dev/ttyUSB-nonexistent');
+    await page.click('#connect');
+    await waitError(page, 'Ошибка подключения к порту');
+  });
+
+  await step('a password with a blank is refused in the form', page, async () => {
+    await page.click('#password');
+    await password(page, 'a b');
+    await until(async () => (await page.locator('#password-problem').innerText()).includes('пробел'), 'refusal');
+    await page.click('#password-dialog button[value="cancel"]');
+  });
+
+  await step('connect to the simulator: the link becomes ready', page, async () => {
+    await clearErrors(page);
+    await page.fill('#port-manual', pty);
+    const started = Date.now();
+    await page.click('#connect');
+    await until(async () => (await page.getAttribute('#link-state', 'data-state')) === '3', 'link state 3');
+    timings['connect until the panel is ready'] = Date.now() - started;
+    return (await page.locator('#conn-state').innerText()) === 'Прибор готов' || await page.locator('#conn-state').innerText();
+  });
+
+  await step('wrong access password shows an error, the right one is accepted', page, async () => {
+    await page.click('#password');
+    await password(page, '000000');
+    await waitError(page, 'Пароль не принят');
+    await page.click('#errors .close');
+    await page.click('#password');
+    await password(page, PASSWORD);
+    await waitNote(page, /Пароль принят/);
+  });
+
+  await step('live status shows the telemetry', page, async () => {
+    await openView(page, 'status');
+    await until(async () => (await page.locator('#st-devtype').innerText()) === 'MS02', 'device type');
+    const gsm = await page.locator('#st-gsm').innerText();
+    const clock = await page.locator('#st-clock').innerText();
+    const zones = await page.locator('#status-body table').filter({ hasText: 'Зоны' }).locator('tbody tr').count();
+    await page.screenshot({ path: path.join(artifacts, 'readme.png'), clip: { x: 0, y: 0, width: 1280, height: 620 } });
+    return (gsm === '87%' && /^\d\d\.\d\d\.\d{4} \d\d:\d\d:\d\d$/.test(clock) && zones === 2) || `${gsm} ${clock} ${zones}`;
+  });
+
+  await step('read the configuration with progress', page, async () => {
+    await clearErrors(page);
+    await openView(page, 'config');
+    await page.click('#cfg-read');
+    await waitNote(page, /Конфигурация прочитана/);
+    const progress = await page.locator('#cfg-progress progress').getAttribute('value');
+    return ((await configValue(page, 'zn1')) === '5' && progress === '100') || `zn1=${await configValue(page, 'zn1')} progress=${progress}`;
+  });
+
+  await step('edit a zone and write it: the simulator receives the setting', page, async () => {
+    await page.fill('#cfg-body tr[data-key="zn1"] input', '7');
+    await waitNote(page, /Изменено настроек: 1/);
+    await page.click('#cfg-write');
+    await waitNote(page, /Конфигурация записана/);
+    await page.screenshot({ path: path.join(artifacts, 'config-written.png') });
+    const frames = simFrames(simLog);
+    const setting = frames.some((f) => /F.*zn1-7<0d><0a>/.test(f));
+    const end = frames.some((f) => f === '0007FEC');
+    return (setting && end) || `setting=${setting} end=${end}`;
+  });
+
+  let exported = null;
+  await step('export config.ini as Windows-1251 bytes', page, async () => {
+    exported = await download(page, '#cfg-export');
+    fs.writeFileSync(path.join(artifacts, 'config.ini'), exported);
+    const text = exported.toString('latin1');
+    return (text.startsWith('Vorlane-') && text.includes('zn1-7\r\n')) || text.slice(0, 120);
+  });
+
+  await step('import an edited config.ini (LF line ends and blank lines are fixed on the way)', page, async () => {
+    const edited = exported.toString('latin1').replace('zn2-5\r\n', 'zn2-3\r\n\r\n').replace(/\r\n/g, '\n');
+    const file = path.join(scratch, 'edited.ini');
+    fs.writeFileSync(file, Buffer.from(edited, 'latin1'));
+    await page.setInputFiles('#cfg-file', file);
+    await waitNote(page, /Файл загружен/);
+    return ((await configValue(page, 'zn2')) === '3' && (await configValue(page, 'zn1')) === '7') || `zn2=${await configValue(page, 'zn2')}`;
+  });
+
+  await step('a .cry file asks for its password; a wrong one and a bad file are reported', page, async () => {
+    const bad = path.join(scratch, 'bad.cry');
+    fs.writeFileSync(bad, 'short');
+    await page.setInputFiles('#cfg-file', bad);
+    await waitError(page, 'Файл .cry не принят');
+    const good = path.join(scratch, 'site.cry');
+    fs.writeFileSync(good, Buffer.concat([Buffer.from('VORLANE\r\n'), Buffer.alloc(22, 1), Buffer.alloc(16, 0x5a)]));
+    await page.setInputFiles('#cfg-file', good);
+    await password(page, 'wrong');
+    await waitError(page, 'Неверный пароль файла .cry');
+    await password(page, '', 'cancel');
+  });
+
+  await step('load the model template from devs/', page, async () => {
+    await clearErrors(page);
+    await page.fill('#cfg-model', 'XX99');
+    await page.click('#cfg-load-model');
+    await waitError(page, 'Шаблона XX99 нет');
+    await page.fill('#cfg-model', 'MS02');
+    await page.click('#cfg-load-model');
+    await waitNote(page, /Загружен шаблон MS02/);
+    const name = await page.locator('#cfg-body tr[data-key="ss3"] input').first().inputValue();
+    return ((await configValue(page, 'td')) === 'MS02' && name === 'Зона 3') || `td=${await configValue(page, 'td')} ss3=${name}`;
+  });
+
+  await step('the filter asks the engine for matching keys only', page, async () => {
+    await page.fill('#cfg-filter', 'zn');
+    await until(async () => {
+      const keys = await page.locator('#cfg-body tr[data-key]').evaluateAll((rows) => rows.map((r) => r.dataset.key));
+      return keys.length === 8 && keys.every((k) => k.includes('zn'));
+    }, '8 zone rows');
+    await page.fill('#cfg-filter', '');
+  });
+
+  const DATE = /\d\d\.\d\d\.\d{4}\s+\d\d:\d\d:\d\d/;
+  await step('read the log with progress, page it and download it', page, async () => {
+    await clearErrors(page);
+    await openView(page, 'logs');
+    await page.click('#log-read');
+    const total = Number(/Журнал прочитан: (\d+)/.exec(await waitNote(page, /Журнал прочитан: [1-9]/) && await note(page))[1]);
+    const rows = await page.locator('#log-body tbody tr').allInnerTexts();
+    const typed = rows.every((r) => DATE.test(r) && /Ошибка|Сообщение|Предупреждение/.test(r));
+    let paged = total <= 20;
+    if (!paged) {
+      await page.click('#log-next');
+      paged = await until(async () => (await page.locator('#log-range').innerText()).startsWith('Записи 21–'), 'second page');
+    }
+    const file = (await download(page, '#log-download')).toString('utf8').split('\r\n').filter(Boolean);
+    return (rows.length === Math.min(total, 20) && typed && paged && file[0] === 'Логи прибора:' && file.length === total + 1)
+      || `rows=${rows.length} of ${total} typed=${typed} paged=${paged} file lines=${file.length}`;
+  });
+
+  await step('read the events with progress and download them', page, async () => {
+    await page.click('#ev-read');
+    const total = Number(/События прочитаны: (\d+)/.exec(await waitNote(page, /События прочитаны: [1-9]/) && await note(page))[1]);
+    const rows = await page.locator('#ev-body tbody tr').allInnerTexts();
+    const coded = rows.every((r) => DATE.test(r) && /\t[ER]\d+\t/.test(r));
+    const described = rows.some((r) => /Тревога|Восстановление|питани/i.test(r));
+    const file = (await download(page, '#ev-download')).toString('utf8').split('\r\n').filter(Boolean);
+    return (rows.length === Math.min(total, 20) && coded && described && file[0] === 'События прибора:' && file.length === total + 1)
+      || `rows=${rows.length} of ${total} coded=${coded} described=${described} file lines=${file.length}`;
+  });
+
+  const image = firmwareImage(1300);
+  await step('upload firmware to 100 %: the simulator receives the image intact', page, async () => {
+    await clearErrors(page);
+    await openView(page, 'firmware');
+    const file = path.join(scratch, 'firmware.bin');
+    // A blank line before the first zero byte would end the request head early: refused.
+    fs.writeFileSync(file, Buffer.from('IMAGE\r\n\r\n\0rest'));
+    await page.setInputFiles('#fw-file', file);
+    await page.click('#fw-upload');
+    await waitError(page, 'Файл нельзя передать');
+    fs.writeFileSync(file, image);
+    await page.setInputFiles('#fw-file', file);
+    await page.click('#fw-upload');
+    await page.click('#confirm-dialog button[value="yes"]');
+    await until(async () => (await page.locator('#fw-result').innerText()) === 'Прошивка загружена успешно', 'firmware result', 30000);
+    const percent = await page.locator('#fw-progress progress').getAttribute('value');
+    // Blocks for the main processor: kind 132 first, then 4; two header bytes each.
+    const blocks = simFrames(simLog).map(unprintable).filter((b) => b[4] === 0x42 && (b[5] === 132 || b[5] === 4));
+    const received = Buffer.concat(blocks.map((b) => b.subarray(7)));
+    return (percent === '100' && received.equals(image)) || `percent=${percent} received ${received.length} of ${image.length}`;
+  });
+
+  await step('panel commands: a value check, a confirmation and a sent command', page, async () => {
+    await openView(page, 'tools');
+    await page.fill('#cmd-23-value', '12345');
+    await page.click('#cmd-23');
+    await waitError(page, 'Неверное значение');
+    const before = simFrames(simLog).length;
+    await page.click('#cmd-21');
+    await page.click('#confirm-dialog button[value="no"]');
+    await page.fill('#cmd-51-value', '2');
+    await page.click('#cmd-51');
+    await waitNote(page, /отправлена/);
+    await until(() => simFrames(simLog).some((f) => f === '0010FKK2-1'), 'KK2-1 at the simulator');
+    const restarts = simFrames(simLog).slice(before).filter((f) => f === '0007FRE').length;
+    return restarts === 0 || 'restart sent without confirmation';
+  });
+
+  await step('views fit a tablet width without sideways scrolling', page, async () => {
+    await page.setViewportSize({ width: 768, height: 1024 });
+    const wide = [];
+    for (const name of ['status', 'config', 'tools']) {
+      await openView(page, name, `tablet-${name}.png`);
+      if (await page.evaluate(() => document.documentElement.scrollWidth > innerWidth)) wide.push(name);
+    }
+    await page.setViewportSize({ width: 1280, height: 800 });
+    return wide.length === 0 || `too wide: ${wide}`;
+  });
+
+  await step('disconnect closes the port', page, async () => {
+    await openView(page, 'connection');
+    await page.click('#disconnect');
+    // The engine clears its image on disconnect: status 1, no device.
+    await until(async () => (await page.getAttribute('#link-state', 'data-state')) === '1', 'link state 1');
+    return (await page.locator('#link-device').innerText()) === '' || 'device still shown';
+  });
+}
+
+async function main() {
+  if (!vorcore || !artifacts) fail('usage: console_test.js <vorcore> <vorpanel-sim> <source dir> <artifact dir>');
+  if (!fs.existsSync(CHROMIUM)) fail(`${CHROMIUM} is not installed (Debian package "chromium")`);
+  const chromium = await loadPlaywright();
+  fs.mkdirSync(artifacts, { recursive: true });
+  const scratch = fs.mkdtempSync(path.join(os.tmpdir(), 'vorcore_console_'));
+  const work = prepareWorkDir(scratch);
+  const simLog = path.join(artifacts, 'vorpanel-sim.log');
+  const engineLog = path.join(artifacts, 'vorcore.log');
+  const sim = start(simulator, ['--no-link', '--verbose', '--password', PASSWORD, '--cipher', path.join(work, 'cipher.txt')], {}, simLog);
+  let engine = null;
+  let context = null;
+  try {
+    const pty = await until(() => readText(simLog).split('\n')[0].startsWith('/dev/') && readText(simLog).split('\n')[0], 'simulator', 5000);
+    const env = { ...process.env, PATH: `${scratch}/bin:${process.env.PATH}` };
+    delete env.SUDO_USER;
+    engine = start(vorcore, [], { cwd: work, env }, engineLog);
+    const port = await until(() => listeningPort(engine.pid), 'engine port', 10000).catch((error) => {
+      throw new Error(`${error.message} (engine ${engine.exitCode === null ? 'running' : `ended ${engine.exitCode}`}: ${readText(engineLog).slice(-200)})`);
+    });
+    context = await launch(chromium, scratch);
+    const page = context.pages()[0] ?? await context.newPage();
+    page.setDefaultTimeout(WAIT);
+    await run(page, port, pty, simLog, scratch);
+    for (const [name, ms] of Object.entries(timings)) console.log(`TIME ${name}: ${[ms].flat().join(', ')} ms`);
+    fs.writeFileSync(path.join(artifacts, 'timings.json'), `${JSON.stringify(timings, null, 2)}\n`);
+  } catch (error) {
+    check('test driver runs to the end', false, error.message);
+  } finally {
+    await context?.close().catch(() => {});
+    engine?.kill('SIGKILL');
+    sim.kill('SIGTERM');
+    spawnSync('rm', ['-rf', scratch]);
+  }
+  console.log(`${counts.passed} passed, ${counts.failed} failed`);
+  process.exit(counts.failed ? 1 : 0);
+}
+
+main();
