@@ -145,6 +145,8 @@ TEST_F(Safety, OversizedBodyIsRefusedBeforeItIsRead) {
     EXPECT_EQ(engine_->request(head + "2000000000\r\n\r\n" + std::string(1000, 'x')),
               "HTTP/1.1 413 Payload Too Large\r\nConnection: close\r\n\r\n");
     EXPECT_EQ(engine_->request(head + "16777216\r\n\r\nabc"), ok_answer);
+    // The upload is looked at after its answer has gone out.
+    wait_for([&] { return engine_->console().find("POST UNKNOWN QUERY", printed) != std::string::npos; }, 2);
     EXPECT_EQ(printed_since(*engine_, printed),
               "@ Request refused, body of 2000000000 bytes is over the limit of 16777216\n"
               "@ Error size query body\n@ POST UNKNOWN QUERY: /upload\n");
