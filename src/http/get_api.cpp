@@ -325,8 +325,13 @@ std::string cmd_connect(const std::string& target) {
         return json_ok;
     }
     if (port.empty()) return "";
-    // Reconnecting must not leak the descriptor of the port already open.
-    if (is_open()) close_dev();
+    // Reconnecting must not leak the descriptor of the port already open, and
+    // the image of that panel goes with it (as on disconnect), so a connect
+    // that then fails does not leave its status showing a link.
+    if (is_open()) {
+        close_dev();
+        parser.clear();
+    }
     // Opening empties both queues and forgets the old link's flags, so the
     // first frame the new panel gets is cmd_sf (and there is room for it).
     if (!open_dev(port)) {

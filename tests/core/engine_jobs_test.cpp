@@ -263,6 +263,7 @@ TEST_F(Jobs, RestartClosesTheLinkOnItsOwnReceipt) {
 // commands, a restart, a password block and firmware blocks queued, a receipt still due and half
 // a frame read: the next panel gets cmd_sf at once and nothing of the old link, its first frame is
 // read whole, and the old password exchange ends with the error envelope instead of "continue".
+// A connect that fails leaves no link shown.
 TEST_F(Jobs, WholeWriteThenTheNextPanelGetsNothingOfTheOldLink) {
     ASSERT_NO_FATAL_FAILURE(connect());
     PanelSim& old_panel = panel();
@@ -310,6 +311,11 @@ TEST_F(Jobs, WholeWriteThenTheNextPanelGetsNothingOfTheOldLink) {
     EXPECT_EQ(written_to(panel()), "~0007FSF\x7f" + ad);
     EXPECT_EQ(engine_->console().find("dev packet loss!", printed_before), std::string::npos);
     EXPECT_EQ(get("cmd=12&pass=1234&continue"), error);
+
+    // A connect that fails has closed the port it replaced: the status says so.
+    EXPECT_EQ(get("cmd=11&com=" + dir_.path() + "/no-port"),
+              R"({"result":"error","description":"Ошибка подключения к порту"})");
+    EXPECT_NE(get("statusdevice").find(R"("devtype":"","status":"1")"), std::string::npos);
     exit_cleanly();
 }
 
