@@ -7,7 +7,6 @@
 #include <map>
 #include <memory>
 #include <regex>
-#include <tuple>
 #include <vector>
 
 #include "core/utils.h"
