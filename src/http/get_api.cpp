@@ -325,9 +325,15 @@ std::string cmd_connect(const std::string& target) {
         return json_ok;
     }
     if (port.empty()) return "";
-    if (command_queue_full()) return json_error;
-    // Reconnecting must not leak the descriptor of the port already open.
-    if (is_open()) close_dev();
+    // Reconnecting must not leak the descriptor of the port already open, and
+    // the image of that panel goes with it (as on disconnect), so a connect
+    // that then fails does not leave its status showing a link.
+    if (is_open()) {
+        close_dev();
+        parser.clear();
+    }
+    // Opening empties both queues and forgets the old link's flags, so the
+    // first frame the new panel gets is cmd_sf (and there is room for it).
     if (!open_dev(port)) {
         std::string out;
         set_error_and_descr(out, err_con_port);
@@ -392,12 +398,13 @@ std::string cmd_set_panel_password(const std::string& target) {
     return send_frame(frame.data(), frame.size()) ? json_ok : json_error;
 }
 
-// Commands 21 and 22 restart the panel: its next plain receipt closes the link.
+// Commands 21 and 22 restart the panel. The queued frame itself is marked:
+// the receipt of that frame closes the link (the device thread sets send_re
+// when it writes it), not a receipt still due for an earlier one, and not the
+// same bytes sent as a free text command.
 std::string cmd_restart(char* frame, size_t len) {
     if (command_queue_full()) return json_error;
-    send_re = true;
-    send_frame(frame, len);
-    return json_ok;
+    return queue.command_to_dev(std::vector<char>(frame, frame + len), true) ? json_ok : json_error;
 }
 
 std::string cmd_write_config() {

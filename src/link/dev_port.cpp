@@ -30,6 +30,10 @@ std::atomic<uint64_t> no_read_ms{0};
 // outside the lock can tell that USB no longer names the port it began on.
 static uint64_t port_generation = 0;
 
+// Ports opened so far; the device thread compares it with the last one it saw
+// to tell that a new link began.
+static std::atomic<uint64_t> links_opened{0};
+
 // port_mutex starts statically initialised; it only needs a fresh init after
 // dev_destroy, never while another thread may hold it.
 static std::atomic<bool> port_mutex_destroyed{false};
@@ -131,6 +135,8 @@ static int keep_from_children(int fd) {
     return fd;
 }
 
+static void forget_previous_link();
+
 int open_dev(std::string& path) {
     struct stat node {};
     if (!plain_device_path(path) || !port_path_allowed(path, node)) {
@@ -139,21 +145,27 @@ int open_dev(std::string& path) {
     }
     prepare_line(path);
 
-    int fd = -1;
+    // Non-blocking: writes have a deadline (write_dev), and opening never
+    // waits for a modem line.
+    int fd = keep_from_children(open(path.c_str(), O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC));
+    if (fd >= 0 && !opened_the_checked_port(fd, node)) {
+        close(fd);
+        fd = -1;
+    }
+    // Before the device thread can see the new port, so that nothing of the
+    // old link is ever written to it.
+    if (fd >= 0) forget_previous_link();
+
     int replaced = 0;
     {
         MutexLock lock(port_mutex);
-        // Non-blocking: writes have a deadline (write_dev), and opening never
-        // waits for a modem line.
-        fd = keep_from_children(open(path.c_str(), O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC));
-        if (fd >= 0 && !opened_the_checked_port(fd, node)) {
-            close(fd);
-            fd = -1;
-        }
         ++port_generation;
         if (fd < 0) {
             replaced = USB.exchange(0);
         } else {
+            // Counted before the port is published: a device thread that sees
+            // the new port also sees that the link is new.
+            ++links_opened;
             replaced = USB.exchange(fd);
             SetReadCount();
             send_sf_cnt = 0;
@@ -281,6 +293,8 @@ uint64_t GetReadCount() {
 
 // ---- Exchange state machine ------------------------------------------------
 
+static uint64_t link_seen = 0;  // links_opened when the device thread last looked
+
 std::atomic<bool> need_sf{false};
 std::atomic<int> send_sf_cnt{0};
 std::atomic<bool> write_sf_error{false};
@@ -292,6 +306,40 @@ bool next_inv = false;
 std::vector<unsigned char> current_packet;
 std::atomic<bool> send_re{false};
 std::atomic<bool> pass_block_written{false};
+
+// Called by open_dev (HTTP thread) for a port that is open but not yet
+// published, so the device thread does not use the link meanwhile. A frame
+// queued for the panel that was there before (a restart, half a configuration,
+// firmware blocks) must never reach the next one, a password exchange of the
+// old panel must not answer "continue" for ever, and a receipt the old panel
+// still owed must not hold back the new link's first frame.
+static void forget_previous_link() {
+    queue.clear();
+    bbqueue.clear();
+    queue.pass_sent = false;
+    queue.pass_rejected = false;
+    need_sf = false;
+    write_sf_error = false;
+    dev_busy = false;
+    dev_busy_cnt = 0;
+    wait_receipt_OK = false;
+    send_re = false;
+    pass_block_written = false;
+    parser.send_AN1 = false;
+    parser.send_AN2 = false;
+    parser.send_AN5 = false;
+}
+
+// The reader's state is the device thread's alone: at its first step on a new
+// link it drops a frame the old panel left half sent, and a pending escape.
+static void adopt_new_link() {
+    uint64_t opened = links_opened;
+    if (opened == link_seen) return;
+    link_seen = opened;
+    form_enable = false;
+    next_inv = false;
+    current_packet.clear();
+}
 
 void exchange_reset() {
     need_sf = false;
@@ -374,6 +422,7 @@ static void collect_frames(const unsigned char* bytes, size_t len) {
 
 void read_step() {
     if (dev_no_valid()) return;
+    adopt_new_link();
     bytesRead = 0;
     size_t got = 0;
     int result = read_dev(pbuf, &got);
@@ -413,6 +462,7 @@ static void write_restart() {
     need_sf = false;
     write_sf_error = false;
     pass_block_written = false;
+    send_re = false;
     if (channel_on(dm_s2)) dump(DM_OUT_CMD, cmd_sf, cmd_sf_len, TITLE_OUT_CMD);
 }
 
@@ -442,7 +492,8 @@ static bool still_busy() {
 
 static void write_command() {
     std::vector<char> frame;
-    if (!queue.get_copy(frame)) {
+    bool ends_link = false;
+    if (!queue.get_copy(frame, ends_link)) {
         if (parser.get_status() == 5) parser.set_status(3);
         return;
     }
@@ -452,6 +503,9 @@ static void write_command() {
     }
     if (channel_on(dm_s2)) dump(DM_OUT_CMD, frame.data(), frame.size(), TITLE_OUT_CMD);
     pass_block_written = is_pass_block(frame);
+    // The next receipt is this frame's own: only if it is the restart or reset
+    // queued by commands 21 and 22 does that receipt close the link.
+    send_re = ends_link;
     dev_busy = true;
     bool drained = queue.pop();
     if (parser.get_status() == 5 && drained) parser.set_status(3);
@@ -498,6 +552,7 @@ static void write_block() {
     std::vector<char> frame;
     if (!bbqueue.get_copy(frame)) return;
     pass_block_written = false;
+    send_re = false;
     if (!write_dev(frame.data(), frame.size())) {
         console_line("write packet bbqueue error");
         wait_receipt_OK = true;
@@ -510,6 +565,7 @@ static void write_block() {
 
 void write_step() {
     if (dev_no_valid()) return;
+    adopt_new_link();
     if (need_sf) {
         write_restart();
         return;

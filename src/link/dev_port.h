@@ -42,7 +42,9 @@ extern std::atomic<bool> wait_receipt_OK;          // last block not yet acknowl
 extern bool form_enable;                           // reader is inside a frame (device thread only)
 extern bool next_inv;                              // next byte is escaped (device thread only)
 extern std::vector<unsigned char> current_packet;  // frame being collected (device thread only)
-extern std::atomic<bool> send_re;                  // next plain receipt closes the device
+// The frame awaiting its receipt is a restart or reset queued by commands 21
+// and 22: its plain receipt closes the device.
+extern std::atomic<bool> send_re;
 // The frame awaiting its receipt is the access-password block: a plain
 // receipt means the panel accepted the password, "AN3" that it refused it.
 extern std::atomic<bool> pass_block_written;

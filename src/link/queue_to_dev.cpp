@@ -32,8 +32,8 @@ Queue::~Queue() {
     pthread_mutex_destroy(&mutex);
 }
 
-void Queue::push(std::vector<char> frame, bool command) {
-    packets.push_back({std::move(frame), command});
+void Queue::push(std::vector<char> frame, bool command, bool ends_link) {
+    packets.push_back({std::move(frame), command, ends_link});
     ++count;
     if (command) ++commands;
 }
@@ -43,10 +43,10 @@ void Queue::to_dev(std::vector<char>& frame) {
     push(frame, false);
 }
 
-bool Queue::command_to_dev(const std::vector<char>& frame) {
+bool Queue::command_to_dev(const std::vector<char>& frame, bool ends_link) {
     MutexLock lock(mutex);
     if (commands >= QUEUE_COMMAND_LIMIT) return false;
-    push(frame, true);
+    push(frame, true, ends_link);
     return true;
 }
 
@@ -72,9 +72,15 @@ char* Queue::get(size_t& len) {
 }
 
 bool Queue::get_copy(std::vector<char>& frame) {
+    bool ends_link = false;
+    return get_copy(frame, ends_link);
+}
+
+bool Queue::get_copy(std::vector<char>& frame, bool& ends_link) {
     MutexLock lock(mutex);
     if (packets.empty()) return false;
     frame = packets.front().frame;
+    ends_link = packets.front().ends_link;
     return true;
 }
 

@@ -25,7 +25,9 @@ public:
     void cmd_to_dev(char* data, size_t len);
     // Queues the frame of a single command from the browser; false, and
     // nothing queued, when QUEUE_COMMAND_LIMIT such frames already wait.
-    bool command_to_dev(const std::vector<char>& frame);
+    // `ends_link` marks a restart or reset of the panel (commands 21 and 22):
+    // the receipt of that very frame closes the link, whatever its bytes.
+    bool command_to_dev(const std::vector<char>& frame, bool ends_link = false);
     // True while one more command frame may be queued.
     bool command_room();
     // Head frame without removing it; null and len 0 when empty. The pointer
@@ -34,6 +36,8 @@ public:
     // Copy of the head frame; false when empty. The device thread uses this
     // so that a clear from the HTTP thread cannot pull the bytes away.
     bool get_copy(std::vector<char>& frame);
+    // The same, also telling whether the frame was queued as ending the link.
+    bool get_copy(std::vector<char>& frame, bool& ends_link);
     // Removes the head; true when the queue is empty afterwards.
     bool pop();
     // Builds the access-password block and queues it as a command frame; 1
@@ -49,9 +53,10 @@ public:
 protected:
     struct Queued {
         std::vector<char> frame;
-        bool command;  // from a single command, counted against QUEUE_COMMAND_LIMIT
+        bool command;    // from a single command, counted against QUEUE_COMMAND_LIMIT
+        bool ends_link;  // its receipt closes the link (restart or reset)
     };
-    void push(std::vector<char> frame, bool command);
+    void push(std::vector<char> frame, bool command, bool ends_link = false);
 
     std::list<Queued> packets;
     uint64_t count = 0;

@@ -22,16 +22,6 @@ namespace {
 const std::string ok_body = R"({"result":"ok","description":""})";
 const std::string error_body = R"({"result":"error","description":""})";
 
-// An upload body as the browser sends a file: each byte as the UTF-8 form of its code point.
-std::string browser_encoded(const std::string& bytes) {
-    std::string out;
-    for (unsigned char b : bytes)
-        out += b < 0x80
-                   ? std::string(1, static_cast<char>(b))
-                   : std::string{static_cast<char>(0xC0 | (b >> 6)), static_cast<char>(0x80 | (b & 0x3F))};
-    return out;
-}
-
 class EngineConfig : public testing::Test {
 protected:
     void SetUp() override {
@@ -51,18 +41,12 @@ protected:
         ASSERT_TRUE(status_shows({R"("status":"3")"}));
     }
 
-    std::string body(const std::string& answer) {
-        size_t at = answer.find("\r\n\r\n");
-        return at == std::string::npos ? answer : answer.substr(at + 4);
-    }
     std::string get(const std::string& query) {
-        return body(engine_->request(local_get(engine_->port(), "/tuning/device?id=-1&" + query)));
+        return body_of(engine_->request(local_get(engine_->port(), "/tuning/device?id=-1&" + query)));
     }
     std::string post(const std::string& query, const std::string& content) {
-        std::string head = local_get(engine_->port(), "/tuning/device?id=-1&" + query);
-        head.replace(0, 3, "POST");
-        head.insert(head.size() - 2, "Content-Length: " + std::to_string(content.size()) + "\r\n");
-        return body(engine_->request(head + content));
+        return body_of(
+            engine_->request(local_post(engine_->port(), "/tuning/device?id=-1&" + query, content)));
     }
     // Polls the status (bounded) until it shows every fragment.
     bool status_shows(const Strings& fragments, double seconds = 10) {

@@ -21,11 +21,6 @@ constexpr uint32_t kMemoryStart = 1717200000;  // 01.06.2024 00:00:00 UTC, as vo
 constexpr size_t kRecords = 60;
 constexpr size_t kEvents = 74;  // every kind of event the simulator keeps, twice
 
-std::string body_of(const std::string& answer) {
-    size_t at = answer.find("\r\n\r\n");
-    return at == std::string::npos ? "<no body in: " + answer + ">" : answer.substr(at + 4);
-}
-
 std::string download_answer(const std::string& name, const std::string& body) {
     return "HTTP/1.1 200 OK\r\nConnection: close\r\nContent-Type: text/plain; charset=UTF-8\r\n"
            "Content-disposition: attachment; filename=" +

@@ -13,6 +13,10 @@ using namespace harness;
 
 const std::string ok_body = R"({"result":"ok","description":""})";
 const std::string continue_body = R"({"result":"continue","description":""})";
+const std::string error_answer =
+    "HTTP/1.1 200 OK\r\nConnection: close\r\nAccess-Control-Allow-Origin: *\r\n"
+    "Content-Type: application/javascript; charset=utf-8\r\nContent-Length: 35\r\n\r\n"
+    R"({"result":"error","description":""})";
 const std::string ok_answer =
     "HTTP/1.1 200 OK\r\nConnection: close\r\nAccess-Control-Allow-Origin: *\r\n"
     "Content-Type: application/javascript; charset=utf-8\r\nContent-Length: 32\r\n\r\n" +
@@ -83,11 +87,24 @@ TEST_F(EngineWithPanel, ConnectShowsLiveTelemetryThenDisconnectAndExit) {
     EXPECT_EQ(status_with(R"("status":"3")", 10), expected_status());
 
     // The access password travels encrypted; the browser repeats it with "&continue"
-    // until the panel's receipt gives a final answer.
-    std::string answer = get("cmd=12&pass=1234");
-    if (ends_with(answer, continue_body))
-        wait_for([&] { return !ends_with(answer = get("cmd=12&pass=1234&continue"), continue_body); }, 5);
-    EXPECT_EQ(answer, ok_answer);
+    // until the panel's receipt gives a final answer: its plain receipt accepts it,
+    // "AN3" refuses it.
+    auto password = [&](const std::string& pass) {
+        std::string answer = get("cmd=12&pass=" + pass);
+        if (ends_with(answer, continue_body))
+            wait_for(
+                [&] { return !ends_with(answer = get("cmd=12&pass=" + pass + "&continue"), continue_body); },
+                5);
+        return answer;
+    };
+    PanelContent content = PanelContent::standard();
+    content.clock = 1700000000;
+    content.reject_password = true;
+    panel_->set_content(content);
+    EXPECT_EQ(password("0000"), error_answer);
+    content.reject_password = false;
+    panel_->set_content(content);
+    EXPECT_EQ(password("1234"), ok_answer);
 
     EXPECT_EQ(get("cmd=11"), ok_answer);
     EXPECT_NE(status_with(R"("status":"1")", 3).find(R"("devtype":"")"), std::string::npos);

@@ -202,4 +202,27 @@ inline std::string local_get(int port, const std::string& target) {
            "\r\nSec-Fetch-Site: same-origin\r\n\r\n";
 }
 
+inline std::string local_post(int port, const std::string& target, const std::string& body) {
+    std::string head = local_get(port, target);
+    head.replace(0, 3, "POST");
+    head.insert(head.size() - 2, "Content-Length: " + std::to_string(body.size()) + "\r\n");
+    return head + body;
+}
+
+// The body of an HTTP answer (the answer itself when it has no head).
+inline std::string body_of(const std::string& answer) {
+    size_t at = answer.find("\r\n\r\n");
+    return at == std::string::npos ? answer : answer.substr(at + 4);
+}
+
+// An upload body as the browser sends a file: each byte as the UTF-8 form of its code point.
+inline std::string browser_encoded(const std::string& bytes) {
+    std::string out;
+    for (unsigned char b : bytes)
+        out += b < 0x80
+                   ? std::string(1, static_cast<char>(b))
+                   : std::string{static_cast<char>(0xC0 | (b >> 6)), static_cast<char>(0x80 | (b & 0x3F))};
+    return out;
+}
+
 }  // namespace harness
