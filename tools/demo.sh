@@ -83,6 +83,20 @@ echo "Live status every 2 s (Ctrl+C ends both programs):"
 while true; do
     if ! line=$(curl -s --max-time 3 "http://127.0.0.1:$port/tuning/device?id=-1&statusdevice" |
         python3 "$here/tools/demo_status.py" summary); then
+        # A busy engine (a connect prepares the port for 2 s) is asked again.
+        if kill -0 "$engine_pid" 2>/dev/null; then
+            sleep 1
+            continue
+        fi
+        # The engine ends by itself after the exit query or 15 s without a
+        # request; that is a normal end, a crash is not.
+        if wait "$engine_pid"; then
+            engine_pid=""
+            echo
+            echo "The engine has ended."
+            stop_all
+            exit 0
+        fi
         echo
         echo "The engine has stopped; see $engine_log"
         stop_all
