@@ -29,7 +29,7 @@ test: build $(JS_DEPS)
 # The minute-long silence watchdog test runs once, in the plain suite.
 SANITIZER_SKIP := SilenceRestarts
 # Test programs of the code that runs on both threads.
-THREADED_TESTS := queue_to_dev_test http_server_test exchange_test dev_port_test dev_parser_test status_test \
+THREADED_TESTS := queue_to_dev_test http_server_test exchange_test dev_parser_test status_test \
 	logs_events_test config_test engine_config_test engine_jobs_test
 
 # The whole suite under AddressSanitizer and UndefinedBehaviorSanitizer.

@@ -31,14 +31,3 @@ TEST(DebugDump, LineIsStampTitleAndEscapedBytes) {
         EXPECT_EQ(after_stamp(testing::internal::GetCapturedStdout()), title + text + "\n");
     }
 }
-
-TEST(DebugPut, LineIsStampPrefixAndText) {
-    testing::internal::CaptureStdout();
-    json.put(DM_IN_SRC, "GET UNKNOWN QUERY: /x", nullptr);
-    std::string plain = testing::internal::GetCapturedStdout();
-    testing::internal::CaptureStdout();
-    json.put(DM_IN_SRC, "text", "prefix ");
-    EXPECT_EQ(after_stamp(plain), "GET UNKNOWN QUERY: /x\n");
-    EXPECT_EQ(after_stamp(testing::internal::GetCapturedStdout()), "prefix text\n");
-    EXPECT_TRUE(std::regex_match(time_stamp(), stamp_format)) << time_stamp();
-}

@@ -1,131 +1,64 @@
 // The configuration through the whole program: read from the simulated panel,
 // shown as JSON, downloaded, uploaded, loaded from a model file or a ".cry"
 // file, edited and written back, over the engine's own HTTP interface.
-#include <gtest/gtest.h>
-
-#include <filesystem>
 #include <fstream>
 #include <map>
-#include <memory>
 
-#include "core/utils.h"
-#include "crypto/CryptoKey.h"
-#include "http/api_test_support.h"
-#include "panel_sim.h"
-#include "support/config_text.h"
+#include "support/engine_fixture.h"
 
 using namespace harness;
-using namespace config_text;
 
 namespace {
 
-const std::string ok_body = R"({"result":"ok","description":""})";
-const std::string error_body = R"({"result":"error","description":""})";
+using EngineConfig = EngineTest;
 
-class EngineConfig : public testing::Test {
-protected:
-    void SetUp() override {
-        std::filesystem::copy_file(std::string(VORCORE_SOURCE_DIR) + "/data/cipher-test.txt",
-                                   dir_.path() + "/cipher.txt");
-        engine_ = std::make_unique<EngineProcess>(dir_);
-        ASSERT_NE(engine_->port(), 0) << engine_->console();
-    }
-
-    // A simulated panel holding `lines`, connected and ready (status 3).
-    void connect(const Strings& lines) {
-        PanelSimOptions options{.make_link = false, .telemetry_ms = 300};
-        options.content.config_lines = lines;
-        panel_ = std::make_unique<PanelSim>(options);
-        ASSERT_TRUE(panel_->start()) << panel_->error();
-        ASSERT_EQ(get("cmd=11&com=" + panel_->slave_path()), ok_body);
-        ASSERT_TRUE(status_shows({R"("status":"3")"}));
-    }
-
-    std::string get(const std::string& query) {
-        return body_of(engine_->request(local_get(engine_->port(), "/tuning/device?id=-1&" + query)));
-    }
-    std::string post(const std::string& query, const std::string& content) {
-        return body_of(
-            engine_->request(local_post(engine_->port(), "/tuning/device?id=-1&" + query, content)));
-    }
-    // Polls the status (bounded) until it shows every fragment.
-    bool status_shows(const Strings& fragments, double seconds = 10) {
-        return wait_for(
-            [&] {
-                std::string status = get("statusdevice");
-                for (const std::string& fragment : fragments)
-                    if (status.find(fragment) == std::string::npos) return false;
-                return true;
-            },
-            seconds);
-    }
-    bool read_panel() {
-        return get("cmd=32") == ok_body && status_shows({R"("devtype":"MS02","status":"3")"});
-    }
-
-    void exit_cleanly() {
-        EXPECT_EQ(get("exit"), ok_body);
-        int status = -1;
-        EXPECT_TRUE(engine_->wait_exit(5, status));
-        EXPECT_FALSE(engine_->sanitizer_reported()) << engine_->errors();
-    }
-
-    TempDir dir_;
-    // The engine ends (reverse order) before its panel stops.
-    std::unique_ptr<PanelSim> panel_;
-    std::unique_ptr<EngineProcess> engine_;
-};
-
-// Lines fed through the real reader come back as JSON byte for byte, family by
-// family; the progress figure rises while reading; a change at the panel's
-// keyboard raises the update flag and is fetched alone.
+// Lines fed through the real reader come back as the golden JSON byte for byte,
+// every key family with its edge cases; the progress figure rises while reading;
+// a change at the panel's keyboard raises the update flag and is fetched alone.
 TEST_F(EngineConfig, PanelLinesShowAsJsonWithProgressMaskAndUpdates) {
-    connect({});
-    panel_->set_silent(true);  // the test speaks for the panel
+    ASSERT_NO_FATAL_FAILURE(connect());
+    panel().set_silent(true);  // the test speaks for the panel
     ASSERT_EQ(get("cmd=32"), ok_body);
-    ASSERT_TRUE(wait_for(
-        [&] {
-            for (const SimFrame& frame : panel_->received())
-                if (frame.payload() == "CF-11") return true;
-            return false;
-        },
-        5));
-    panel_->send_frame('A', "");
-    panel_->send_frame('F', "bc-16\r\nzn1-1.0.25\r\nzn2:3-5\r\nrl1-12\r\nrla-1.2\r\nss1-\"Hall\".2\r\n" +
-                                cp1251("wa1-\"Дверь\",5,0\r\n") + "ua1-*1234.7\r\n");
+    ASSERT_TRUE(wait_for([&] { return written().ends_with("~0010FCF-11\x7f"); }, 5));
+    panel().send_frame('A', "");
+    panel().send_frame('F', "bc-28\r\nzn1-1.0.25\r\nzn2:3-5\r\nrl1-12\r\nrla-1.2\r\nss1-\"Hall\".2\r\n" +
+                                cp1251("wa1-\"Дверь\",5,0\r\n") +
+                                "ua1-*1234.7\r\nzn5-1..2.\r\nzn6-a\x96"
+                                "b\x98"
+                                "c\r\nua3-?9.\r\nua4-@5.1\r\nua5-1.2.3\r\nua-1.2\r\n");
     EXPECT_TRUE(status_shows({R"("status":"4")", R"("progress":{"cfg":"50")"}));
-    panel_->send_frame('F', "hs-1.2.3\r\n" + cp1251("ws-Привет \"1\"\r\n") + "wk-a\\b\r\nvorlane-1.2\r\n" +
-                                cp1251("sr1-Склад\r\n") + "SVMS02 v3.14\r\nZN10-7\r\nec-0\r\n");
+    panel().send_frame('F', "hs-1.2.3\r\n" + cp1251("ws-Привет \"1\"\r\n") + "wk-a\\b\r\nvorlane-1.2\r\n" +
+                                cp1251("sr1-Склад\r\n") +
+                                "sr2-a\"b\\\r\nSVMS02 v3.14\r\nZN10-7\r\nwa2-\"A\\\"B\",1\r\nwa4-Door,1,2\r\n"
+                                "ss2-Hall.2\r\nss3-\"Hall\r\nss4-\"a\\\"b\".x.y\r\nec-0\r\n");
     EXPECT_TRUE(status_shows({R"("status":"3")", R"("progress":{"cfg":"100")"}));
-    panel_->set_silent(false);  // its telemetry names the model again: "td"
+    panel().set_silent(false);  // its telemetry names the model again: "td"
     ASSERT_TRUE(status_shows({R"("devtype":"MS02")", R"("update":false)"}));
 
-    const std::string zn1 = element("zn1", {"1", "0", "25"}), zn10 = element("zn10", {"7"});
-    EXPECT_EQ(get("configstate="),
-              config_list({element("bc", {"16"}), element("ec", {"1"}), element("hs", {"1.2.3"}),
-                           element("rl1", {"12", ""}), element("rla", {"1", "2"}), element("sr1", {"Склад"}),
-                           element("ss1", {"Hall", "2"}), element("sv", {"MS02 v3", "14"}),
-                           element("td", {"MS02"}), element("ua1", {"3", "1234", "7"}),
-                           element("vorlane", {"1.2"}), element("wa1", {"Дверь", "5", "0"}),
-                           element("wk", {R"(a\\b)"}), element("ws", {R"(Привет \"1\")"}), zn1,
-                           element("zn2", {"5"}), element("zn3", {"5"}), zn10}));
-    EXPECT_EQ(get("configstate=n1"), config_list({zn1, zn10}));
+    EXPECT_EQ(get("configstate="), golden("config_read.json"));
+    EXPECT_EQ(get("configstate=n1"), config_list({element("zn1", {"1", "0", "25"}), element("zn10", {"7"})}));
 
     EXPECT_EQ(0u, get("updatestatus").find(R"({"result":[ {"key":"bc","subvalues":)"));  // the read's keys
-    panel_->change_setting("zn2-9");
+    panel().change_setting("zn2-9");
     EXPECT_TRUE(status_shows({R"("update":true)"}));
     EXPECT_EQ(get("updatestatus"), R"({"result":[ )" + element("zn2", {"9"}) + "]}");
     EXPECT_EQ(get("updatestatus"), R"({"result":[ ]})");
     EXPECT_TRUE(status_shows({R"("update":false)"}, 1));
-    exit_cleanly();
+    engine_->exit_cleanly();
 }
 
 // Read, download, upload, load a model file, edit, write: the panel receives
 // exactly the settings to send, in frames of whole lines and the end command,
 // and a fresh read shows the edits.
 TEST_F(EngineConfig, RoundTripThroughFilesModelEditsAndWrite) {
-    connect({"SVMS02 v3.14", "td-MS02", "zn1-5", "zn2:3-1", "ks1-07", cp1251("sr1-Склад"), cp1251("sr2-Ёлка"),
-             "ua1-!12.3", cp1251("wa1-\"Дверь\",5,0")});
+    PanelSimOptions options{.make_link = false, .telemetry_ms = 300};
+    options.content.config_lines = {"SVMS02 v3.14",     "td-MS02",   "zn1-5",
+                                    "zn2:3-1",          "ks1-07",    cp1251("sr1-Склад"),
+                                    cp1251("sr2-Ёлка"), "ua1-!12.3", cp1251("wa1-\"Дверь\",5,0")};
+    ASSERT_NO_FATAL_FAILURE(connect(options));
+    auto read_panel = [&] {
+        return get("cmd=32") == ok_body && status_shows({R"("devtype":"MS02","status":"3")"});
+    };
     ASSERT_TRUE(read_panel());
     const std::string file = "Vorlane-Configurator engine 5.2.22\r\nfe\r\nks1-07\r\n",
                       rest = "bc-10\r\nec-1\r\n" + cp1251("sr1-Склад\r\nsr2-Ёлка\r\n") +
@@ -159,30 +92,21 @@ TEST_F(EngineConfig, RoundTripThroughFilesModelEditsAndWrite) {
     for (const auto& [key, value] : to_send) {
         text += key + "-" + value + "\r\n";
         if (text.size() < 301 && key != to_send.rbegin()->first) continue;
-        frames += format_to_str("~%04zuF", text.size() + 5) + text + "\x7f";
+        frames += "~" + packet('F', text) + "\x7f";
         text.clear();
     }
     frames += "~0007FEC\x7f";
-    panel_->forget_received();
+    panel().forget_received();
     EXPECT_EQ(get("cmd=31"), ok_body);
-    const std::string receipt = "~0005A\x7f";  // the engine's receipts for telemetry
-    std::string written;
-    EXPECT_TRUE(wait_for(
-        [&] {
-            written = panel_->received_bytes();
-            for (size_t at; (at = written.find(receipt)) != std::string::npos;)
-                written.erase(at, receipt.size());
-            return written.ends_with("~0007FEC\x7f");
-        },
-        15));
-    EXPECT_EQ(written, frames);
+    EXPECT_TRUE(wait_for([&] { return written().ends_with("~0007FEC\x7f"); }, 15));
+    EXPECT_EQ(written(), frames);
     EXPECT_TRUE(status_shows({R"("status":"3")"}));
 
     ASSERT_TRUE(read_panel());
     std::string config = get("configstate=");
     for (const std::string& edited : {zn2, ua1, sr1})
         EXPECT_NE(config.find(edited), std::string::npos) << edited;
-    exit_cleanly();
+    engine_->exit_cleanly();
 }
 
 // A ".cry" file opens with its password only; bad input leaves the engine up
@@ -190,23 +114,16 @@ TEST_F(EngineConfig, RoundTripThroughFilesModelEditsAndWrite) {
 TEST_F(EngineConfig, CryFileAndBadInput) {
     std::string error;
     ASSERT_TRUE(load_cipher_file(VORCORE_SOURCE_DIR "/data/cipher-test.txt", error)) << error;
-    auto cry = [](const std::string& plain, const std::string& password, bool damage) {
-        std::vector<uint8_t> buf(plain.begin(), plain.end());
-        uint16_t crc = CryptoKey::CRC16(buf.data(), static_cast<int>(buf.size()));
-        buf.insert(buf.end(), {static_cast<uint8_t>(crc & 0xFF), static_cast<uint8_t>(crc >> 8)});
-        size_t n = buf.size();
-        buf.resize(n + 9);
-        uint8_t key[32];
-        for (size_t i = 0; i < sizeof key; ++i) key[i] = static_cast<uint8_t>(password[i % password.size()]);
-        buf.resize(static_cast<size_t>(EncryptGOST(buf.data(), static_cast<int>(n), key)));
-        if (damage) buf[3] ^= 1;
-        return "Vorlane CRY\r\n" + std::string(22, 'H') + std::string(buf.begin(), buf.end());
+    auto cry = [](const std::string& plain, bool damage) {
+        std::string payload = cry_payload(plain, "pw");
+        payload[3] ^= damage;
+        return "Vorlane CRY\r\n" + std::string(22, 'H') + payload;
     };
     const std::string zn1 = element("zn1", {"5"});
     EXPECT_EQ(post("cmd=4&file=config.ini", browser_encoded("zn1-5\r\n")), ok_body);
     EXPECT_EQ(get("configstate=zn"), config_list({zn1}));
 
-    EXPECT_EQ(post("cmd=4&file=site.cry", browser_encoded(cry(cp1251("ws-Склад\r\nzn1-7\r\n"), "pw", false))),
+    EXPECT_EQ(post("cmd=4&file=site.cry", browser_encoded(cry(cp1251("ws-Склад\r\nzn1-7\r\n"), false))),
               ok_body);
     EXPECT_TRUE(status_shows({R"("status":"11")"}, 2));
     EXPECT_EQ(get("cmd=12&pass=wrong"), error_body);
@@ -214,7 +131,7 @@ TEST_F(EngineConfig, CryFileAndBadInput) {
     EXPECT_EQ(get("cmd=12&pass=pw"), ok_body);
     EXPECT_EQ(get("configstate=w"), config_list({element("ws", {"Склад"})}));
 
-    EXPECT_EQ(post("cmd=4&file=bad.cry", browser_encoded(cry("zn1-9\r\n", "pw", true))), ok_body);
+    EXPECT_EQ(post("cmd=4&file=bad.cry", browser_encoded(cry("zn1-9\r\n", true))), ok_body);
     EXPECT_EQ(get("cmd=12&pass=pw"), error_body);
     EXPECT_EQ(post("configset", R"({"config":[)" + element("zn2", {"1"}) +
                                     R"(,{"key":"zn3","subvalues":[{"value":"1","index":2}]}]})"),
@@ -225,7 +142,7 @@ TEST_F(EngineConfig, CryFileAndBadInput) {
     const std::string console = stamps_marked(engine_->console());
     EXPECT_NE(console.find("@ json to cfg: wrong index\n"), std::string::npos) << console;
     EXPECT_NE(console.find("@ cmd 1: no read file devs/NOPE.ini\n"), std::string::npos) << console;
-    exit_cleanly();
+    engine_->exit_cleanly();
 }
 
 }  // namespace

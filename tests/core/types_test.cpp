@@ -24,11 +24,3 @@ TEST(ModelTable, LookUpsTakeTheFirstMatchingRow) {
     };
     for (auto [stamp, model] : by_stamp) EXPECT_EQ(get_from_stamp(stamp), model) << stamp;
 }
-
-// The figures travel with their row, though the engine itself never reads them.
-TEST(ModelTable, FiguresStayWithTheirRow) {
-    const uint16_t* row18 = g_K_Image_Device.at(17).figures;
-    const uint16_t* row41 = g_K_Image_Device.at(40).figures;
-    EXPECT_EQ(std::vector<int>(row18, row18 + 8), (std::vector<int>{16, 4, 124, 0, 1, 0, 32, 250}));
-    EXPECT_EQ(std::vector<int>(row41, row41 + 8), (std::vector<int>{4, 8, 56, 0, 0, 4, 8, 250}));
-}

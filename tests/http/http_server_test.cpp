@@ -8,15 +8,14 @@
 
 #include "core/debug.h"
 #include "core/engine.h"
-#include "http/api_test_support.h"
 #include "http/http_parser.h"
+#include "support/engine_harness.h"
 
 using namespace harness;
 
-// Runs http_server in a thread of the test process with the fake su first in PATH.
+// Runs http_server in a thread of the test process (with no user name it starts no browser).
 struct InProcessServer {
-    explicit InProcessServer(const TempDir& dir) {
-        setenv("PATH", (dir.path() + ":" + getenv("PATH")).c_str(), 1);
+    InProcessServer() {
         is_exit = false;
         thread = std::thread([this] { result = http_server(); });
         port = wait_for([] { return http_server_port() != 0; }, 5) ? http_server_port() : 0;
@@ -37,46 +36,13 @@ struct InProcessServer {
     int port = 0;
 };
 
-// The program ends by itself within `seconds`, with status 0, after closing its listening socket.
-void expect_clean_end(EngineProcess& engine, double seconds) {
-    int status = -1;
-    ASSERT_TRUE(engine.wait_exit(seconds, status)) << engine.console();
-    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
-    EXPECT_TRUE(ends_with(engine.console(), "close listen socket\n")) << engine.console();
-    EXPECT_FALSE(engine.sanitizer_reported()) << engine.errors();
-}
-
-TEST(HttpServer, PortInUseFallsBackToTheNextAndOpensTheBrowserThere) {
-    TempDir dir;
-    // On a quiet machine this occupies 8080 and expects 8081.
-    int taken = 0, expected = 0;
-    Fd blocker = bind_first_free(8080, taken);
-    ASSERT_EQ(listen(blocker.get(), 1), 0);  // another program listens there
-    bind_first_free(taken + 1, expected);
-    std::string binds, browser = "x-www-browser http://localhost:" + std::to_string(expected);
-    for (int port = 8080; port <= expected; ++port) binds += "bind port " + std::to_string(port) + "...\n";
-
-    user_name = "tester";
-    Redirect out(1, dir.path() + "/stdout.txt");
-    InProcessServer server(dir);
-    ASSERT_EQ(server.port, expected);
-    EXPECT_EQ(exchange(expected, "X\r\n\r\n"), not_found_answer);
-    // Only root can start the browser as the invoking user.
-    if (geteuid() == 0) {
-        ASSERT_TRUE(wait_for([&] { return !dir.su_log().empty(); }, 5));
-    }
-    EXPECT_EQ(dir.su_log(), geteuid() == 0 ? "tester\n-c\n" + browser + "\n" : "");
-    EXPECT_EQ(server.stop(), 0);
-    EXPECT_EQ(out.text(), binds + "su tester -c \"" + browser + "\"\nclose listen socket\n");
-}
-
 // Every answer is exact. A refused request changes nothing: it queues no frame, and a refused exit leaves the
 // server serving the rows after it. The guard reads a head as a browser does (LF line ends, blanks around
 // names, folded lines, bytes after a zero byte) and lets only the engine's own pages in.
 TEST(HttpServer, RequestsAreAnsweredOrRefusedByteExact) {
     TempDir dir;
     Redirect out(1, dir.path() + "/stdout.txt");
-    InProcessServer server(dir);
+    InProcessServer server;
     queue.clear();
     const std::string api = "/tuning/device?id=-1&", refused = forbidden_answer, ok = json_answer(json_ok);
     const std::string cmd13 = "GET " + api + "cmd=13 HTTP/1.1\r\n", exit = "GET " + api + "exit HTTP/1.1\r\n";
@@ -131,7 +97,7 @@ TEST(HttpServer, ReadsWaitFiveSecondsForARequestAndOneForTheRestOfABody) {
     TempDir dir;
     Redirect out(1, dir.path() + "/stdout.txt");
     debug_mode = dm_h2 = true;  // set before the server thread starts, which reads them unlocked
-    InProcessServer server(dir);
+    InProcessServer server;
     auto start = Clock::now();
     Fd silent = connect_to(server.port);
     Fd next = connect_to(server.port);
@@ -166,24 +132,4 @@ TEST(HttpServer, ReadsWaitFiveSecondsForARequestAndOneForTheRestOfABody) {
               in + head + "\n\n\n@ Error size query body\n@ POST UNKNOWN QUERY: /upload\n");
     server.stop();
     debug_mode = dm_h2 = false;
-}
-
-TEST(Engine, ExitQueryIsAnsweredAndEndsTheEngineARefusedOneDoesNot) {
-    TempDir dir;
-    EngineProcess engine(dir);
-    ASSERT_NE(engine.port(), 0) << engine.console();
-    EXPECT_EQ(engine.request("GET /tuning/device?id=-1&exit HTTP/1.1\r\nHost: x\r\n\r\n"), forbidden_answer);
-    EXPECT_EQ(engine.request(local_get(engine.port(), "/tuning/device?id=-1&exit")), json_answer(json_ok));
-    expect_clean_end(engine, 3);
-}
-
-TEST(Engine, EndsItselfFifteenSecondsAfterTheLastConnection) {
-    TempDir dir;
-    EngineProcess engine(dir);
-    ASSERT_NE(engine.port(), 0) << engine.console();
-    EXPECT_EQ(engine.request("X\r\n\r\n"), not_found_answer);
-    auto last = Clock::now();
-    expect_clean_end(engine, 19);
-    EXPECT_GT(seconds_since(last), 14.5);
-    EXPECT_LT(seconds_since(last), 17.5);
 }

@@ -4,25 +4,14 @@
 #include <gtest/gtest.h>
 
 #include "core/engine.h"
-#include "crypto/CryptoKey.h"
-#include "http/api_test_support.h"
+#include "support/engine_harness.h"
+
+using harness::printed_by;
 
 // Processes an upload whose answer was already sent; returns what it printed, stamps marked.
 static std::string post(const std::string& target, const std::string& body) {
     parsing_result result{0, "", target, body};
-    return stamps_marked(printed_by([&] { parse_post_query(result); }));
-}
-
-// A ".cry" payload: `plain` and its CRC16 (low byte first) enciphered with a 32-byte key.
-static std::vector<char> encrypt_payload(const std::string& plain, const char* key) {
-    std::vector<uint8_t> buf(plain.begin(), plain.end());
-    uint16_t crc = CryptoKey::CRC16(buf.data(), static_cast<int>(buf.size()));
-    buf.insert(buf.end(), {static_cast<uint8_t>(crc & 0xFF), static_cast<uint8_t>(crc >> 8)});
-    size_t n = buf.size();
-    buf.resize(n + 9);  // room for up to 8 padding bytes and the trailer
-    buf.resize(static_cast<size_t>(
-        EncryptGOST(buf.data(), static_cast<int>(n), reinterpret_cast<const uint8_t*>(key))));
-    return std::vector<char>(buf.begin(), buf.end());
+    return printed_by([&] { parse_post_query(result); });
 }
 
 // A header is the text line, its whole run of line ends, then 22 bytes; the payload is whole 8-byte blocks.
@@ -51,8 +40,8 @@ TEST(PostApi, CryUploadIsStoredOnlyWhenWellFormed) {
 TEST(PostApi, DecryptNeedsCipherAndKeyAndOpensWithTheRightPassword) {
     std::string error, key = "pw1", no_key, out = "untouched";
     ASSERT_TRUE(load_cipher_file(VORCORE_SOURCE_DIR "/data/cipher-test.txt", error)) << error;
-    // The key text is repeated to fill the 32 key bytes.
-    std::vector<char> payload = encrypt_payload("Vorlane-x\r\n", "pw1pw1pw1pw1pw1pw1pw1pw1pw1pw1pw"), empty;
+    const std::string enciphered = harness::cry_payload("Vorlane-x\r\n", key);
+    std::vector<char> payload(enciphered.begin(), enciphered.end()), empty;
     EXPECT_FALSE(load_cipher_text("", error));
     EXPECT_FALSE(decrypt_cry(payload, key, out));  // no cipher table loaded
     ASSERT_TRUE(load_cipher_file(VORCORE_SOURCE_DIR "/data/cipher-test.txt", error)) << error;

@@ -30,15 +30,11 @@ async function step(name, page, body) {
   }
 }
 
-const sleep = (ms) => new Promise((resolve) => setTimeout(resolve, ms));
-
 async function until(probe, what, ms = WAIT) {
-  const deadline = Date.now() + ms;
-  for (;;) {
+  for (const deadline = Date.now() + ms; ; await new Promise((resolve) => setTimeout(resolve, 50))) {
     const value = await probe();
     if (value) return value;
     if (Date.now() > deadline) throw new Error(`timed out waiting for ${what}`);
-    await sleep(50);
   }
 }
 
@@ -64,71 +60,34 @@ function prepareWorkDir(scratch) {
   fs.cpSync(path.join(source, 'js'), path.join(work, 'js'), { recursive: true });
   fs.cpSync(path.join(source, 'devs'), path.join(work, 'devs'), { recursive: true });
   fs.copyFileSync(path.join(source, 'data/cipher-test.txt'), path.join(work, 'cipher.txt'));
+  // Images of each type the engine serves as binary: a PNG of 3x2, an icon holding it, an SVG of 7x5.
+  const png = Buffer.from('iVBORw0KGgoAAAANSUhEUgAAAAMAAAACCAYAAACddGYaAAAAEUlEQVR4nGM4IcfwH4YZkDkAkksLX/k2mV4AAAAASUVORK5CYII=', 'base64');
+  const icon = Buffer.from([0, 0, 1, 0, 1, 0, 3, 2, 0, 0, 1, 0, 32, 0, png.length, 0, 0, 0, 22, 0, 0, 0]);
+  fs.mkdirSync(path.join(work, 'js/img'));
+  fs.writeFileSync(path.join(work, 'js/img/p.png'), png);
+  fs.writeFileSync(path.join(work, 'js/img/f.ico'), Buffer.concat([icon, png]));
+  fs.writeFileSync(path.join(work, 'js/img/l.svg'), '<svg xmlns="http://www.w3.org/2000/svg" width="7" height="5"><path d="M0 0h7v5H0"/></svg>');
   // Started as root the engine opens a browser through su: a stand-in keeps it from doing so.
   fs.mkdirSync(path.join(scratch, 'bin'));
   fs.writeFileSync(path.join(scratch, 'bin/su'), '#!/bin/sh\n', { mode: 0o755 });
   return work;
 }
 
-// The TCP port on which a process listens, from /proc (its log may name ports taken by others).
-function listeningPort(pid) {
-  let inodes;
-  try {
-    inodes = new Set(fs.readdirSync(`/proc/${pid}/fd`).map((fd) => {
-      try { return /^socket:\[(\d+)\]$/.exec(fs.readlinkSync(`/proc/${pid}/fd/${fd}`))?.[1]; } catch { return null; }
-    }).filter(Boolean));
-  } catch {
-    return null;
-  }
-  for (const table of ['/proc/net/tcp', '/proc/net/tcp6']) {
-    for (const row of readText(table).split('\n').slice(1)) {
-      const fields = row.trim().split(/\s+/);
-      if (fields[3] === '0A' && inodes.has(fields[9])) return parseInt(fields[1].split(':').pop(), 16);
-    }
-  }
-  return null;
-}
+// The engine's port, from the browser line it prints once it listens.
+const enginePort = (logFile) => Number(/x-www-browser http:\/\/localhost:(\d+)/.exec(readText(logFile))?.[1]) || null;
 
 // The frames the simulator received, as it printed them ("panel << <body>").
-function simFrames(logFile) {
-  return readText(logFile).split('\n').filter((l) => l.startsWith('panel << ')).map((l) => l.slice(9));
-}
+const simFrames = (logFile) => readText(logFile).split('\n').filter((l) => l.startsWith('panel << ')).map((l) => l.slice(9));
 
 // Turns the simulator's printable form back into bytes (<xx> is a byte in hex).
-function unprintable(text) {
-  const bytes = [];
-  const marks = { '<START>': 0x7e, '<END>': 0x7f };
-  for (let i = 0; i < text.length;) {
-    const hex = /^(?:<([0-9a-f]{2})>|<START>|<END>)/.exec(text.slice(i));
-    if (hex) {
-      bytes.push(hex[1] ? parseInt(hex[1], 16) : marks[hex[0]]);
-      i += hex[0].length;
-    } else {
-      bytes.push(text.charCodeAt(i));
-      i += 1;
-    }
-  }
-  return Buffer.from(bytes);
-}
+const unprintable = (text) => Buffer.from(text.replace(/<START>|<END>|<([0-9a-f]{2})>/g,
+  (mark, hex) => String.fromCharCode(hex ? parseInt(hex, 16) : mark === '<START>' ? 0x7e : 0x7f)), 'latin1');
 
 // A firmware image with zero bytes, high bytes and the frame bytes 0x7D-0x7F, whose
 // first zero byte comes before any blank line (see the README).
-function firmwareImage(size) {
-  const image = Buffer.alloc(size);
-  for (let i = 0; i < size; i += 1) image[i] = (i * 37 + (i >> 8)) & 0xff;
-  image[1] = 0;
-  return image;
-}
+const firmwareImage = (size) => Buffer.from(Array.from({ length: size }, (_, i) => (i === 1 ? 0 : (i * 37 + (i >> 8)) & 0xff)));
 
 // ---- The browser
-
-async function loadPlaywright() {
-  try {
-    return (await import('playwright-core')).chromium;
-  } catch {
-    return fail('playwright-core is missing: run "npm ci" in tests/js');
-  }
-}
 
 async function launch(chromium, scratch) {
   return chromium.launchPersistentContext(path.join(scratch, 'profile'), {
@@ -162,17 +121,9 @@ async function openView(page, name, shot = `view-${name}.png`) {
 const note = (page) => page.locator('#note').innerText();
 const errors = (page) => page.locator('#errors').innerText();
 
-async function waitNote(page, pattern, ms = WAIT) {
-  return until(async () => pattern.test(await note(page)) || null, `note ${pattern}`, ms);
-}
-
-async function waitError(page, text) {
-  return until(async () => (await errors(page)).includes(text) || null, `error "${text}"`);
-}
-
-async function clearErrors(page) {
-  await page.evaluate(() => document.querySelector('#errors').replaceChildren());
-}
+const waitNote = (page, pattern, ms = WAIT) => until(async () => pattern.test(await note(page)) || null, `note ${pattern}`, ms);
+const waitError = (page, text) => until(async () => (await errors(page)).includes(text) || null, `error "${text}"`);
+const clearErrors = (page) => page.evaluate(() => document.querySelector('#errors').replaceChildren());
 
 async function password(page, text, button = 'send') {
   await until(() => page.locator('#password-dialog').isVisible(), 'password dialog');
@@ -202,6 +153,16 @@ async function run(page, port, pty, simLog, scratch) {
     await page.screenshot({ path: path.join(artifacts, 'view-connection.png') });
     const text = await page.locator('body').innerText();
     return /Подключить/.test(text) && /Связь с прибором/.test(text) || text.slice(0, 200);
+  });
+
+  await step('the browser decodes the images the engine serves as binary', page, async () => {
+    const sizes = await page.evaluate(() => Promise.all(['p.png', 'f.ico', 'l.svg'].map(async (name) => {
+      const image = new Image();
+      image.src = `/img/${name}`;
+      await image.decode();
+      return `${image.naturalWidth}x${image.naturalHeight}`;
+    })));
+    return sizes.join(' ') === '3x2 3x2 7x5' || sizes.join(' ');
   });
 
   await step('every control has a label and keyboard focus reaches the views', page, async () => {
@@ -331,12 +292,16 @@ async function run(page, port, pty, simLog, scratch) {
   });
 
   const DATE = /\d\d\.\d\d\.\d{4}\s+\d\d:\d\d:\d\d/;
+  // Reads a list with its button; the number the note gives and the rows of the first page.
+  const readList = async (button, done, body) => {
+    await page.click(button);
+    const total = Number(done.exec(await waitNote(page, done) && await note(page))[1]);
+    return [total, await page.locator(`${body} tbody tr`).allInnerTexts()];
+  };
   await step('read the log with progress, page it and download it', page, async () => {
     await clearErrors(page);
     await openView(page, 'logs');
-    await page.click('#log-read');
-    const total = Number(/Журнал прочитан: (\d+)/.exec(await waitNote(page, /Журнал прочитан: [1-9]/) && await note(page))[1]);
-    const rows = await page.locator('#log-body tbody tr').allInnerTexts();
+    const [total, rows] = await readList('#log-read', /Журнал прочитан: ([1-9]\d*)/, '#log-body');
     const typed = rows.every((r) => DATE.test(r) && /Ошибка|Сообщение|Предупреждение/.test(r));
     let paged = total <= 20;
     if (!paged) {
@@ -349,9 +314,7 @@ async function run(page, port, pty, simLog, scratch) {
   });
 
   await step('read the events with progress and download them', page, async () => {
-    await page.click('#ev-read');
-    const total = Number(/События прочитаны: (\d+)/.exec(await waitNote(page, /События прочитаны: [1-9]/) && await note(page))[1]);
-    const rows = await page.locator('#ev-body tbody tr').allInnerTexts();
+    const [total, rows] = await readList('#ev-read', /События прочитаны: ([1-9]\d*)/, '#ev-body');
     const coded = rows.every((r) => DATE.test(r) && /\t[ER]\d+\t/.test(r));
     const described = rows.some((r) => /Тревога|Восстановление|питани/i.test(r));
     const file = (await download(page, '#ev-download')).toString('utf8').split('\r\n').filter(Boolean);
@@ -420,7 +383,7 @@ async function run(page, port, pty, simLog, scratch) {
 async function main() {
   if (!vorcore || !artifacts) fail('usage: console_test.js <vorcore> <vorpanel-sim> <source dir> <artifact dir>');
   if (!fs.existsSync(CHROMIUM)) fail(`${CHROMIUM} is not installed (Debian package "chromium")`);
-  const chromium = await loadPlaywright();
+  const { chromium } = await import('playwright-core').catch(() => fail('playwright-core is missing: run "npm ci" in tests/js'));
   fs.mkdirSync(artifacts, { recursive: true });
   const scratch = fs.mkdtempSync(path.join(os.tmpdir(), 'vorcore_console_'));
   const work = prepareWorkDir(scratch);
@@ -434,7 +397,7 @@ async function main() {
     const env = { ...process.env, PATH: `${scratch}/bin:${process.env.PATH}` };
     delete env.SUDO_USER;
     engine = start(vorcore, [], { cwd: work, env }, engineLog);
-    const port = await until(() => listeningPort(engine.pid), 'engine port', 10000).catch((error) => {
+    const port = await until(() => enginePort(engineLog), 'engine port', 10000).catch((error) => {
       throw new Error(`${error.message} (engine ${engine.exitCode === null ? 'running' : `ended ${engine.exitCode}`}: ${readText(engineLog).slice(-200)})`);
     });
     context = await launch(chromium, scratch);

@@ -1,5 +1,6 @@
-// The device thread's exchange over a pty with the simulated panel: framing of
-// what arrives, stop-and-wait sending, block retries, loss and the watchdog.
+// The serial port and the device thread's exchange over a pty with the simulated
+// panel: opening, framing of what arrives, stop-and-wait sending, block retries,
+// loss and the watchdog.
 #include <gtest/gtest.h>
 
 #include <string>
@@ -26,6 +27,18 @@ void feed(PanelSim& panel, const std::string& bytes) {
 std::string panel_got(PanelSim& panel, size_t len) {
     panel.wait_received_bytes(len, 1000);
     return panel.received_bytes();
+}
+
+// A device is announced on open; a quiet line only times out.
+TEST_F(Exchange, OpenIsAnnouncedAndAQuietReadOnlyTimesOut) {
+    EXPECT_EQ("Open device (" + std::to_string(USB.load()) + ") " + panel_.slave_path() + "\n", open_output_);
+    const auto start = Clock::now();
+    size_t len = 99;
+    EXPECT_EQ("", printed_by([&] { EXPECT_EQ(0, read_dev(pbuf, &len)); }));
+    EXPECT_EQ(0u, len);
+    EXPECT_GE(seconds_since(start), 0.09);
+    EXPECT_LT(seconds_since(start), 1.0);
+    EXPECT_TRUE(is_open());
 }
 
 TEST_F(Exchange, ReaderCutsFramesAcrossChunks) {
@@ -113,23 +126,6 @@ TEST_F(Exchange, UnacknowledgedBlockIsWrittenThreeTimesThenTheLinkRestarts) {
     EXPECT_EQ(wire + wire + wire + kRestart, panel_got(panel_, 3 * wire.size() + kRestart.size()));
     EXPECT_TRUE(bbqueue.is_empty());
     EXPECT_EQ("4", parser.get_ready_text(&StatusDevice::rupd));
-}
-
-TEST_F(Exchange, AcknowledgedBlocksAdvanceTheProgress) {
-    const std::string blocks[] = {std::string("\x84\x00\x01", 3), "\x04\x01\x02", "\x04\x02"};
-    for (std::string block : blocks) bbqueue.add_bb_packet(block.data(), static_cast<int>(block.size()));
-    bbqueue.start_flag = true;
-    parser.fw_blocks_total = 2;
-    std::vector<std::string> progress;
-    for (int cycle = 0; cycle < 4; ++cycle) {
-        write_step();
-        feed(panel_, kReceiptOK);
-        progress.push_back(parser.get_ready_text(&StatusDevice::upd));
-    }
-    EXPECT_EQ((std::vector<std::string>{"0", "50", "100", "100"}), progress);
-    const std::string wire("~0008B\x84\x00\x01\x7f~0008B\x04\x01\x02\x7f~0007B\x04\x02\x7f", 29);
-    EXPECT_EQ(wire, panel_got(panel_, wire.size()));
-    EXPECT_EQ(3, parser.get_status());
 }
 
 // An unplugged panel: writes fail and keep the command queued; the device

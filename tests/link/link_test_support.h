@@ -1,10 +1,12 @@
-// Helpers shared by the serial link tests: a scratch working directory, the
-// simulated panel as the far end of the pty, the device thread, console text.
+// Helpers shared by the serial link and device image tests: a scratch working
+// directory, the simulated panel as the far end of the pty, a pty standing in
+// for the panel's port, the device thread, and packets as the reader hands them over.
 #pragma once
+
+#include <poll.h>
 
 #include <filesystem>
 #include <future>
-#include <regex>
 #include <string>
 
 #include "core/engine.h"
@@ -17,13 +19,7 @@ namespace link_test {
 
 using namespace harness;
 
-inline const std::string kReceiptOK("~0005A\x7f", 7);
-
-// Console text with every line's "hh:mm:ss.mmm " stamp replaced by "@ ", so
-// that whole output can be compared while still telling stamped lines apart.
-inline std::string stamps_marked(const std::string& out) {
-    return std::regex_replace(out, std::regex("(^|\n)\\d\\d:\\d\\d:\\d\\d\\.\\d\\d\\d "), "$1@ ");
-}
+inline const std::string kReceiptOK("~0005A\x7f");
 
 // open_dev writes error.log into the working directory: work in a scratch one.
 struct ScratchDir {
@@ -39,10 +35,9 @@ class PanelLinkTest : public testing::Test {
 protected:
     void SetUp() override {
         ASSERT_TRUE(panel_.start()) << panel_.error();
+        int opened = 0;
         std::string path = panel_.slave_path();
-        testing::internal::CaptureStdout();
-        int opened = open_dev(path);
-        open_output_ = testing::internal::GetCapturedStdout();
+        open_output_ = printed_by([&] { opened = open_dev(path); });
         ASSERT_EQ(1, opened) << open_output_;
         exchange_reset();
         queue.clear();
@@ -77,5 +72,32 @@ private:
     }
     std::future<void> loop_ = start();
 };
+
+// Makes a pseudo-terminal's master the engine's device (no stty wait), so that
+// the engine's receipts really go out and can be read back from the slave.
+struct PtyPort : Pty {
+    PtyPort() { USB = master.get(); }
+    ~PtyPort() {
+        // The engine may have closed the master itself (close_dev sets USB to 0).
+        if (USB == master.get())
+            USB = 0;
+        else
+            master.fd_ = -1;
+    }
+    // Everything the engine wrote, waiting at most wait_ms for the first byte.
+    std::string read_all(int wait_ms = 200) {
+        std::string out;
+        char chunk[512];
+        pollfd readable{slave.get(), POLLIN, 0};
+        for (ssize_t got; poll(&readable, 1, out.empty() ? wait_ms : 20) > 0; out.append(chunk, got))
+            if ((got = read(slave.get(), chunk, sizeof chunk)) <= 0) break;
+        return out;
+    }
+};
+
+// A binary block body: kind (or block type), number, data.
+inline std::string block(int kind, int number, const std::string& data) {
+    return packet('B', std::string{static_cast<char>(kind), static_cast<char>(number)} + data);
+}
 
 }  // namespace link_test

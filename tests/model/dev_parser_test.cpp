@@ -5,7 +5,7 @@
 
 #include <thread>
 
-#include "model/model_test_support.h"
+#include "link/link_test_support.h"
 
 namespace {
 
@@ -16,15 +16,14 @@ struct Dispatch : testing::Test {
     // Parses one packet; returns what it printed, stamps marked "@ ".
     std::string feed(const std::string& body) {
         std::vector<unsigned char> pkt(body.begin(), body.end());
-        testing::internal::CaptureStdout();
-        parser.parse_packet(pkt);
-        return stamps_marked(testing::internal::GetCapturedStdout());
+        return printed_by([&] { parser.parse_packet(pkt); });
     }
     PtyPort port_;
 };
 
 // A broken header is reported and answered with a negative receipt (never a
-// receipt itself); a sound packet is acknowledged at once.
+// receipt itself); a sound packet is acknowledged at once. What receipts do to
+// the link and the password the whole program's tests show.
 TEST_F(Dispatch, HeaderIsCheckedBeforeTheAcknowledgement) {
     // Body, console, what goes to the panel by the next write_step.
     const std::tuple<std::string, std::string, std::string> cases[] = {
@@ -34,39 +33,12 @@ TEST_F(Dispatch, HeaderIsCheckedBeforeTheAcknowledgement) {
         {"0005Lxyz", "@ Несоответствие длины пакета: заявлено 5 байт, получено 8 байт\n", "~0007AN1\x7f"},
         {"0009A", "@ Несоответствие длины пакета: заявлено 9 байт, получено 5 байт\n", ""},
         {"0005L", "", kReceiptOK},
+        {"0005A", "", ""},  // a receipt is never acknowledged
     };
     for (const auto& [body, console, sent] : cases) {
         EXPECT_EQ(console, feed(body)) << body;
         write_step();
         EXPECT_EQ(sent, port_.read_all(sent.empty() ? 50 : 500)) << body;
-    }
-}
-
-// Receipts are never acknowledged. Any one ends the wait for a receipt; a plain
-// one also confirms the last block (and the password, if that was the block),
-// "AN3" refuses the password, and after a restart command the link closes.
-TEST_F(Dispatch, ReceiptsReleaseTheLinkAndSettleThePassword) {
-    auto flags = [] {
-        return std::string(dev_busy ? "busy " : "") + (wait_receipt_OK ? "wait " : "") +
-               (queue.pass_sent ? "sent " : "") + (queue.pass_rejected ? "rejected " : "") +
-               (parser.pass_accepted ? "accepted " : "") + std::to_string(parser.get_status());
-    };
-    // Body, password block out, restart command out, console, flags after.
-    const std::tuple<std::string, bool, bool, std::string, std::string> cases[] = {
-        {"0005A", false, false, "", "sent 3"},
-        {"0007AN3", false, false, "", "wait rejected 3"},
-        {"0005A", true, false, "", "accepted 3"},
-        {"0005A", false, true, "Close device \n", "sent 1"},
-    };
-    for (const auto& [body, pass_block, restart, console, after] : cases) {
-        parser.set_status(3);
-        dev_busy = wait_receipt_OK = queue.pass_sent = parser.ready = true;
-        queue.pass_rejected = parser.pass_accepted = false;
-        pass_block_written = pass_block;
-        send_re = restart;
-        EXPECT_EQ(console, feed(body)) << body;
-        EXPECT_EQ(after, flags()) << body;
-        EXPECT_EQ("", port_.read_all(50)) << body;
     }
 }
 
@@ -109,41 +81,6 @@ TEST_F(Dispatch, EventBlocksSurviveAClearFromTheOtherThread) {
     port_.read_all(50);
     parser.clear();
     EXPECT_TRUE(parser.block_buffer.empty());
-}
-
-TEST_F(Dispatch, LogCountAndFirmwareResultReachTheStatus) {
-    parser.set_status(6);
-    parser.set_ready_text(&StatusDevice::rlog, "1");
-    EXPECT_EQ("", feed(packet('F', "TL-12")));
-    EXPECT_EQ("12", parser.get_ready_text(&StatusDevice::logmax));
-    EXPECT_EQ("", feed(packet('F', "TL-0")));
-    EXPECT_EQ("0", parser.get_ready_text(&StatusDevice::rlog));
-    EXPECT_EQ(3, parser.get_status());
-    EXPECT_EQ("@ Load main proc firmware success.\n", feed(packet('F', "UR0-1")));
-    EXPECT_EQ("2", parser.get_ready_text(&StatusDevice::rupd));
-}
-
-// The image goes out 256 bytes to a block behind a type and a number byte,
-// then an end mark of the two header bytes alone.
-TEST(FirmwareBlocks, ImageIsCutIntoNumberedBlocksWithEndMark) {
-    auto frame = [](int type, int number, size_t data) {
-        return "~" + block(type, number, std::string(data, 'f')) + "\x7f";
-    };
-    // Image size, target, total blocks, the frames queued.
-    const std::tuple<size_t, int, int, std::string> cases[] = {
-        {600, 1, 2, frame(131, 0, 256) + frame(3, 1, 256) + frame(3, 2, 88) + frame(3, 3, 0)},
-        {512, 0, 2, frame(132, 0, 256) + frame(4, 1, 256) + frame(4, 2, 0)},
-        {0, 1, 0, frame(131, 0, 0)},
-    };
-    for (const auto& [size, target, total, frames] : cases) {
-        std::vector<char> image(size, 'f');
-        parser.firmware_to_dev(target, image);
-        EXPECT_EQ(total, parser.fw_blocks_total.load()) << size;
-        std::string queued;
-        for (std::vector<char> got; bbqueue.get_copy(got); bbqueue.pop())
-            queued.append(got.begin(), got.end());
-        EXPECT_EQ(frames, queued) << size;
-    }
 }
 
 // Captured on a workstation with a SATA disk and a USB stick of two partitions.

@@ -4,7 +4,7 @@
 #include <future>
 #include <tuple>
 
-#include "model/model_test_support.h"
+#include "link/link_test_support.h"
 
 namespace {
 
@@ -60,15 +60,6 @@ TEST_F(Status, ModeAndDeviceTypeOfTelemetry) {
     telemetry("+tmt00-0.md14\r\n");
     EXPECT_EQ(2, parser.get_status());
     EXPECT_TRUE(parser.status_dev.lm.empty());
-}
-
-TEST_F(Status, StatusTenDependsOnThePort) {
-    parser.ready = true;
-    parser.set_status_10();
-    EXPECT_EQ(10, parser.get_status());
-    PtyPort port;
-    parser.set_status_10();
-    EXPECT_EQ(3, parser.get_status());
 }
 
 // The HTTP thread renders the status while the device thread converts

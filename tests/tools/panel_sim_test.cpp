@@ -6,7 +6,6 @@
 #include <tuple>
 
 #include "link/link_test_support.h"
-#include "support/run_program.h"
 
 namespace {
 
@@ -18,49 +17,38 @@ const std::string kSim = VORPANEL_SIM_BINARY;
 // behind, and SIGTERM ends it with status 0 (timeout forwards the signal, and
 // kills the program after 10 s at most).
 TEST(PanelSimProgram, CommandLineTerminalAndCleanEndOnSignal) {
-    ProgramResult help = run_program(kSim + " --help");
-    EXPECT_EQ(0, help.exit_code);
-    EXPECT_EQ(0u, help.output.find("Usage: vorpanel-sim [options]\n"));
-    EXPECT_EQ(1, run_program(kSim + " --bogus 2>/dev/null").exit_code);
-    ProgramResult run = run_program("out=$(mktemp); timeout -s KILL 10 " + kSim +
-                                    " --no-link --telemetry-ms 0 >$out & pid=$!; "
-                                    "for i in $(seq 50); do [ -s $out ] && break; sleep 0.1; done; "
-                                    "head -n 1 $out; kill -TERM $pid; wait $pid; echo \"exit $?\"; rm $out");
-    EXPECT_TRUE(std::regex_match(run.output, std::regex("/dev/pts/[0-9]+\nexit 0\n"))) << run.output;
+    auto [help_status, help] = run_program(kSim + " --help");
+    EXPECT_EQ(0, help_status);
+    EXPECT_EQ(0u, help.find("Usage: vorpanel-sim [options]\n"));
+    EXPECT_EQ(1, run_program(kSim + " --bogus 2>/dev/null").first);
+    std::string run = run_program("out=$(mktemp); timeout -s KILL 10 " + kSim +
+                                  " --no-link --telemetry-ms 0 >$out & pid=$!; "
+                                  "for i in $(seq 50); do [ -s $out ] && break; sleep 0.1; done; "
+                                  "head -n 1 $out; kill -TERM $pid; wait $pid; echo \"exit $?\"; rm $out")
+                          .second;
+    EXPECT_TRUE(std::regex_match(run, std::regex("/dev/pts/[0-9]+\nexit 0\n"))) << run;
 }
 
-// The device thread reads the configuration through frames split over two
-// reads each; the read ends at "ec" with status 3.
-TEST_F(PanelLinkTest, EngineReadsTheConfigurationFromTheSimulator) {
+// The device thread reads the configuration, the log and the events through
+// frames split over two reads each; each read ends with status 3.
+TEST_F(PanelLinkTest, EngineReadsConfigurationLogsAndEventsFromTheSimulator) {
     panel_.set_split(true);
     panel_.set_silent(false);
     DeviceThread device;
     parser.clear();
-    parser.set_status(4);
-    queue.cmd_to_dev(cmd_cf11, cmd_cf11_len);
-    EXPECT_TRUE(wait_for([] { return parser.get_status() == 3; }, 10));
-    device.stop();
-    EXPECT_EQ("1234", parser.cfg["cs001"].second);
-    EXPECT_EQ("1", parser.cfg["zn008"].second);  // from the range zn3:8
-    EXPECT_EQ("MS02 v3.14", parser.cfg_sv);
-    // "bc-11" announces the 11 lines after it; "bc" itself counts too: 12 * 100 / 11.
-    EXPECT_EQ("109", parser.get_ready_text(&StatusDevice::progress_cfg));
-}
-
-// The log and event reads through frames split over two reads each; each
-// ends with status 3.
-TEST_F(PanelLinkTest, EngineReadsLogsAndEventsFromTheSimulator) {
-    panel_.set_split(true);
-    panel_.set_silent(false);
-    DeviceThread device;
-    parser.clear();
-    const std::tuple<int, char*, size_t> reads[] = {{6, cmd_pl, cmd_pl_len}, {7, cmd_mh, cmd_mh_len}};
+    const std::tuple<int, char*, size_t> reads[] = {
+        {4, cmd_cf11, cmd_cf11_len}, {6, cmd_pl, cmd_pl_len}, {7, cmd_mh, cmd_mh_len}};
     for (auto [status, command, len] : reads) {
         parser.set_status(status);
         queue.cmd_to_dev(command, len);
         EXPECT_TRUE(wait_for([] { return parser.get_status() == 3; }, 10)) << status;
     }
     device.stop();
+    EXPECT_EQ("1234", parser.cfg["cs001"].second);
+    EXPECT_EQ("1", parser.cfg["zn008"].second);  // from the range zn3:8
+    EXPECT_EQ("MS02 v3.14", parser.cfg_sv);
+    // "bc-11" announces the 11 lines after it; "bc" itself counts too: 12 * 100 / 11.
+    EXPECT_EQ("109", parser.get_ready_text(&StatusDevice::progress_cfg));
     EXPECT_EQ(3u, parser.logs.size());
     EXPECT_EQ(3u, parser.events.size());
 }
