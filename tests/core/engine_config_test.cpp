@@ -88,14 +88,7 @@ TEST_F(EngineConfig, RoundTripThroughFilesModelEditsAndWrite) {
     to_send["zn2"] = "3";
     to_send["ua1"] = "*1234.7";
     to_send["sr1"] = cp1251("Дом \"2\"");
-    std::string frames, text;
-    for (const auto& [key, value] : to_send) {
-        text += key + "-" + value + "\r\n";
-        if (text.size() < 301 && key != to_send.rbegin()->first) continue;
-        frames += "~" + packet('F', text) + "\x7f";
-        text.clear();
-    }
-    frames += "~0007FEC\x7f";
+    std::string frames = write_frames(to_send);
     panel().forget_received();
     EXPECT_EQ(get("cmd=31"), ok_body);
     EXPECT_TRUE(wait_for([&] { return written().ends_with("~0007FEC\x7f"); }, 15));

@@ -212,14 +212,7 @@ TEST_F(Jobs, WholeWriteThenTheNextPanelGetsNothingOfTheOldLink) {
     const std::string full = "@ Command refused: 256 commands already wait for the panel\n";
     EXPECT_EQ(engine_->printed_since(printed_before), full + full);
 
-    std::string frames, text;
-    for (const auto& [key, value] : settings) {
-        text += key + "-" + value + "\r\n";
-        if (text.size() < 301 && key != settings.rbegin()->first) continue;
-        frames += "~" + packet('F', text) + "\x7f";
-        text.clear();
-    }
-    frames += "~0007FEC\x7f" + ul2 + ul2;
+    std::string frames = write_frames(settings) + ul2 + ul2;
     ASSERT_TRUE(wait_for([&] { return written().size() >= frames.size(); }, 30));
     EXPECT_EQ(written().substr(0, frames.size()), frames);
 

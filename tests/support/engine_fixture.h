@@ -4,6 +4,7 @@
 #pragma once
 
 #include <filesystem>
+#include <map>
 #include <memory>
 #include <regex>
 
@@ -63,6 +64,20 @@ protected:
         for (const SimFrame& frame : panel().received())
             if (frame.type() != 'A') bodies.push_back(frame.body);
         return bodies;
+    }
+
+    // The frames a configuration write of `settings` sends, in key order: whole
+    // "key-value" lines packed into text frames of at least 301 bytes (the last
+    // may be shorter), then the end command.
+    static std::string write_frames(const std::map<std::string, std::string>& settings) {
+        std::string frames, text;
+        for (const auto& [key, value] : settings) {
+            text += key + "-" + value + "\r\n";
+            if (text.size() < 301 && key != settings.rbegin()->first) continue;
+            frames += "~" + packet('F', text) + "\x7f";
+            text.clear();
+        }
+        return frames + "~0007FEC\x7f";
     }
 
     // Polls the status until it shows `done`; returns each state seen in turn as the
