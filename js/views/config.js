@@ -99,17 +99,22 @@ function linkFailure(s) {
 }
 
 async function readFromPanel(ctx) {
+  await panelJob(ctx, 32, 4, t('cfg.reading'));
+  showNote(t('cfg.readDone', await loadTable()));
+}
+
+// Sends a configuration command and follows its progress while the status shows it busy.
+async function panelJob(ctx, command, busyStatus, title) {
   const box = $('#cfg-progress', root);
-  await api.command(32).catch(noDevice);
-  setProgress(box, 0, t('cfg.reading'));
+  await api.command(command).catch(noDevice);
+  setProgress(box, 0, title);
   await follow({
-    title: t('cfg.reading'), done: (s) => s.status !== 4, progress: (s) => s.progress?.cfg,
+    title, done: (s) => s.status !== busyStatus, progress: (s) => s.progress?.cfg,
     failed: linkFailure, onStatus: (s) => { ctx.store.publish(s); setProgress(box, s.progress?.cfg); },
   });
   setProgress(box, 100);
   changed.clear();
   pendingSend = false;
-  showNote(t('cfg.readDone', await loadTable()));
 }
 
 function noDevice(error) {
@@ -124,16 +129,7 @@ async function writeToPanel(ctx) {
     if (bad !== undefined) throw new api.ApiError(t('cfg.badValue', bad));
   }
   if (settings.length) await api.upload('configset', configJson(settings));
-  const box = $('#cfg-progress', root);
-  await api.command(31).catch(noDevice);
-  setProgress(box, 0, t('cfg.writing'));
-  await follow({
-    title: t('cfg.writing'), done: (s) => s.status !== 5, progress: (s) => s.progress?.cfg,
-    failed: linkFailure, onStatus: (s) => { ctx.store.publish(s); setProgress(box, s.progress?.cfg); },
-  });
-  setProgress(box, 100);
-  changed.clear();
-  pendingSend = false;
+  await panelJob(ctx, 31, 5, t('cfg.writing'));
   showNote(t('cfg.writeDone'));
   await loadTable();
 }
