@@ -12,13 +12,27 @@
 
 #include "crypto/CryptoKey.h"
 
-// A block that would not fit one frame is refused; the firmware transfers of the whole
-// program's tests show the queue at work.
-TEST(BBQueue, ABlockBeyondOneFrameIsRefused) {
+// A block that would not fit one frame is refused; pop tells whether the queue is empty
+// afterwards, and clear also forgets the transfer's resend count and start.
+TEST(BBQueue, PopClearAndTheFrameLimit) {
     BBQueue q;
     std::vector<char> block(508, 'x');
-    EXPECT_EQ(q.add_bb_packet(block.data(), 508), 0);
-    EXPECT_EQ(q.add_bb_packet(block.data(), 507), 1);
+    EXPECT_EQ(q.add_bb_packet(block.data(), 508), 0) << "too long for one frame";
+    for (int i = 0; i < 2; ++i) ASSERT_EQ(q.add_bb_packet(block.data(), 507), 1);
+    // from two frames, from one, from none
+    EXPECT_FALSE(q.pop());
+    EXPECT_TRUE(q.pop());
+    EXPECT_TRUE(q.pop());
+
+    ASSERT_EQ(q.add_bb_packet(block.data(), 507), 1);
+    q.num_try = 2;
+    q.start_flag = true;
+    q.clear();
+    size_t len = 99;
+    EXPECT_EQ(q.get(len), nullptr);
+    EXPECT_EQ(len, 0u);
+    EXPECT_EQ(q.num_try, 0u);
+    EXPECT_FALSE(q.start_flag);
 }
 
 // The challenge is enciphered under the password repeated with CR separators to 32 bytes;
