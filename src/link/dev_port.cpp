@@ -307,6 +307,18 @@ std::vector<unsigned char> current_packet;
 std::atomic<bool> send_re{false};
 std::atomic<bool> pass_block_written{false};
 
+// The flags of one link's exchange that either thread may reset: the pending
+// abort frame, busy waits, the receipt awaited, restart and password marks.
+static void clear_link_flags() {
+    need_sf = false;
+    write_sf_error = false;
+    dev_busy = false;
+    dev_busy_cnt = 0;
+    wait_receipt_OK = false;
+    send_re = false;
+    pass_block_written = false;
+}
+
 // Called by open_dev (HTTP thread) for a port that is open but not yet
 // published, so the device thread does not use the link meanwhile. A frame
 // queued for the panel that was there before (a restart, half a configuration,
@@ -318,13 +330,7 @@ static void forget_previous_link() {
     bbqueue.clear();
     queue.pass_sent = false;
     queue.pass_rejected = false;
-    need_sf = false;
-    write_sf_error = false;
-    dev_busy = false;
-    dev_busy_cnt = 0;
-    wait_receipt_OK = false;
-    send_re = false;
-    pass_block_written = false;
+    clear_link_flags();
     parser.send_AN1 = false;
     parser.send_AN2 = false;
     parser.send_AN5 = false;
@@ -342,17 +348,11 @@ static void adopt_new_link() {
 }
 
 void exchange_reset() {
-    need_sf = false;
+    clear_link_flags();
     send_sf_cnt = 0;
-    write_sf_error = false;
-    dev_busy = false;
-    dev_busy_cnt = 0;
-    wait_receipt_OK = false;
     form_enable = false;
     next_inv = false;
     current_packet.clear();
-    send_re = false;
-    pass_block_written = false;
 }
 
 void dev_thread() {
