@@ -93,3 +93,7 @@ void debug_msg::put_bytes(DM_TYPES, char* buf, size_t len, const char* title, si
     line += dump_text(buf, len, max);
     console_line(line);
 }
+
+void dump_frame(DM_TYPES type, const void* bytes, size_t len, const char* title) {
+    pk7.put_bytes(type, static_cast<char*>(const_cast<void*>(bytes)), len, title, 0);
+}

@@ -54,6 +54,13 @@ std::string time_stamp();
 // The dump text of put_bytes (without time stamp and title).
 std::string dump_text(const char* buf, size_t len, size_t max);
 
+// True when a dump of the kind `kind_switch` stands for is to be written.
+inline bool channel_on(bool kind_switch) {
+    return debug_mode && kind_switch;
+}
+// One dump line of a frame on the serial channel, all of its bytes shown.
+void dump_frame(DM_TYPES type, const void* bytes, size_t len, const char* title);
+
 // Console output. Both threads print; each call writes one whole line (text
 // plus newline) under a lock and flushes, so lines never interleave.
 void console_line(const std::string& text);

@@ -12,6 +12,7 @@
 #include "crypto/CryptoKey.h"
 #include "http/http_server.h"
 #include "link/dev_port.h"
+#include "link/exchange.h"
 
 // Construction order matters: the device image first, then the queues that
 // feed the panel, then the user name and the HTTP debug channel.

@@ -1,11 +1,8 @@
-// The GET API: JSON queries, static files and the device command set.
+// The GET API: the rule table that answers every GET target, and its JSON queries.
 #pragma once
 
 #include <sstream>
 #include <string>
 
 // Answers one GET request target (path and query, not decoded).
-void parse_get_query(std::string& target, std::stringstream& answer);
-
-// Runs device command n ("/tuning/device?id=-1&cmd=<n>") and writes its answer.
-void run_command(int n, std::string& target, std::stringstream& answer);
+void parse_get_query(const std::string& target, std::stringstream& answer);

@@ -1,4 +1,4 @@
-// HTTP request parsing, the answer builders and the JSON result envelopes.
+// HTTP request parsing: the head, the body of an upload and the guard against other sites.
 #include "http/http_parser.h"
 
 #include <climits>
@@ -7,23 +7,13 @@
 #include <string_view>
 
 #include "core/debug.h"
-#include "core/engine.h"
-#include "http/get_api.h"
+#include "http/http_router.h"
 #include "http/http_server.h"
-
-const char* const json_ok = "{\"result\":\"ok\",\"description\":\"\"}";
-const char* const json_error = "{\"result\":\"error\",\"description\":\"\"}";
-const char* const json_continue = "{\"result\":\"continue\",\"description\":\"\"}";
-const char* const err_con_port = "Ошибка подключения к порту";
 
 static const char* const command_prefix = "/tuning/device?id=-1&cmd=";
 // The number is read from this offset of the target, wherever the prefix was found.
 static const size_t command_offset = 25;
 
-static const char* const status_ok = "HTTP/1.1 200 OK\r\n";
-static const char* const connection_close = "Connection: close\r\n";
-static const char* const answer_forbidden = "HTTP/1.1 403 Forbidden\r\nConnection: close\r\n\r\n";
-static const char* const answer_too_large = "HTTP/1.1 413 Payload Too Large\r\nConnection: close\r\n\r\n";
 // The largest body accepted: far above any configuration or firmware image,
 // low enough that an upload cannot exhaust memory.
 static const int max_body_length = 16 * 1024 * 1024;
@@ -92,77 +82,6 @@ void str_to_bin(std::string& text, std::vector<char>& out) {
         }
         out.push_back(static_cast<char>(b));
     }
-}
-
-// ---------------------------------------------------------------------------
-// Answer builders
-
-static void write_answer(std::stringstream& answer, const std::string& own_headers, const std::string& body) {
-    answer << status_ok << connection_close << own_headers << "Content-Length: " << body.size() << "\r\n\r\n";
-    answer.write(body.data(), static_cast<std::streamsize>(body.size()));
-}
-
-void set_response_html(std::stringstream& answer, const std::string& body) {
-    write_answer(answer, "Content-Type: text/html; charset=UTF-8\r\n", body);
-}
-
-void set_response_css(std::stringstream& answer, const std::string& body) {
-    write_answer(answer, "Content-Type: text/css; charset=UTF-8\r\n", body);
-}
-
-// The image builders leave the transfer-encoding text without a line end: it shares
-// its line with Content-Length, the wire form the user interface was built against.
-void set_response_png(std::stringstream& answer, const std::string& body) {
-    write_answer(answer, "Content-Type: image/png\r\nContent-Transfer-Encoding: binary;", body);
-}
-
-void set_response_ico(std::stringstream& answer, const std::string& body) {
-    write_answer(answer, "Content-Type: image/x-icon\r\nContent-Transfer-Encoding: binary;", body);
-}
-
-void set_response_svg(std::stringstream& answer, const std::string& body) {
-    write_answer(answer, "Content-Type: image/svg+xml\r\nContent-Transfer-Encoding: binary;", body);
-}
-
-void set_response_json(std::stringstream& answer, const std::string& body) {
-    write_answer(answer,
-                 "Access-Control-Allow-Origin: *\r\n"
-                 "Content-Type: application/javascript; charset=utf-8\r\n",
-                 body);
-}
-
-void set_response_cfg_file(std::stringstream& answer, const std::string& body) {
-    write_answer(answer,
-                 "Content-Type: text/plain; charset=UTF-8\r\n"
-                 "Content-disposition: attachment; filename=config.ini\r\n"
-                 "Content-transfer-encoding: text\r\n",
-                 body);
-}
-
-void set_response_events_file(std::stringstream& answer, const std::string& body,
-                              const std::string& file_name) {
-    write_answer(answer,
-                 "Content-Type: text/plain; charset=UTF-8\r\n"
-                 "Content-disposition: attachment; filename=" +
-                     file_name +
-                     "\r\n"
-                     "Content-transfer-encoding: text\r\n",
-                 body);
-}
-
-void set_error(std::stringstream& answer) {
-    answer << "HTTP/1.1 404 Not Found\r\n"
-           << "Connection: close\r\n\r\n";
-}
-
-void set_OK(std::stringstream& answer) {
-    answer << status_ok << "Connection: close\r\n\r\n";
-}
-
-void set_error_and_descr(std::string& out, const char* descr) {
-    out = "{\"result\":\"error\",\"description\":\"";
-    out += descr;
-    out += "\"}";
 }
 
 // ---------------------------------------------------------------------------
@@ -298,11 +217,23 @@ static std::string refusal_reason(const char* buf, int len) {
 }
 
 // ---------------------------------------------------------------------------
-// Dispatch
+// Reading one request
 
 static void print_request(char* buf, int len) {
     size_t shown = strnlen(buf, static_cast<size_t>(len > 0 ? len : 0));
     console_raw(time_stamp() + " <<<JSON_IN     " + std::string(buf, shown) + "\n\n\n");
+}
+
+HttpRequest read_request(char* buf, int len) {
+    HttpRequest request;
+    request.bytes = buf;
+    request.len = len;
+    split_header(buf, len, request.lines, request.header_len);
+    if (request.lines.empty()) return request;
+    split_elements(request.lines[0], request.elements);
+    if (debug_mode && dm_h2) print_request(buf, len);
+    request.refusal = refusal_reason(buf, len);
+    return request;
 }
 
 static int content_length_of(const std::string& line) {
@@ -312,12 +243,9 @@ static int content_length_of(const std::string& line) {
     return static_cast<int>(n);
 }
 
-// Records the upload for processing after its answer and acknowledges it. A
-// body declared longer than max_body_length is refused before it is read.
-static int accept_post_body(char* buf, int len, const std::vector<std::string>& lines, int header_len,
-                            const std::string& target, std::stringstream& answer, parsing_result& result) {
-    result.query = target;
-    for (const std::string& line : lines) {
+bool take_post_body(const HttpRequest& request, parsing_result& result) {
+    result.query = request.elements[1];
+    for (const std::string& line : request.lines) {
         if (line.find("Content-Length:") != std::string::npos)
             result.content_length = content_length_of(line);
         if (line.find("Content-Type:") != std::string::npos) result.content_type = line.substr(13);
@@ -326,61 +254,20 @@ static int accept_post_body(char* buf, int len, const std::vector<std::string>& 
         console_stamped("Request refused, body of " + std::to_string(result.content_length) +
                         " bytes is over the limit of " + std::to_string(max_body_length));
         result = parsing_result();
-        answer << answer_too_large;
-        return 0;
+        return false;
     }
-    fill_content(result, buf, len, header_len);
-    set_response_json(answer, json_ok);
-    long long missing = static_cast<long long>(header_len) + result.content_length - len;
+    fill_content(result, request.bytes, request.len, request.header_len);
+    return true;
+}
+
+int missing_body_bytes(const HttpRequest& request, const parsing_result& result) {
+    long long missing = static_cast<long long>(request.header_len) + result.content_length - request.len;
     if (missing > INT_MAX) return INT_MAX;
     if (missing < INT_MIN) return INT_MIN;
     return static_cast<int>(missing);
 }
 
-static int dispatch_post(char* buf, int len, const std::vector<std::string>& lines, int header_len,
-                         std::string& target, std::stringstream& answer, parsing_result& result) {
-    int n = parse_command(target);
-    if (n == 2) {
-        std::string file;
-        parser.cfg_to_file(file);
-        set_response_cfg_file(answer, file);
-        return 0;
-    }
-    if (n == 4 || n == 71 || n == 73 || n <= 0) {
-        return accept_post_body(buf, len, lines, header_len, target, answer, result);
-    }
-    set_response_json(answer, json_error);
-    return 0;
-}
-
 int parse(char* buf, int len, std::stringstream& answer, parsing_result& result) {
     answer.clear();
-    int header_len = 0;
-    std::vector<std::string> lines;
-    split_header(buf, len, lines, header_len);
-    if (lines.empty()) {
-        set_error(answer);
-        return 0;
-    }
-    std::vector<std::string> elements;
-    split_elements(lines[0], elements);
-    if (debug_mode && dm_h2) print_request(buf, len);
-
-    std::string reason = refusal_reason(buf, len);
-    if (!reason.empty()) {
-        console_stamped("Request refused, " + reason);
-        answer << answer_forbidden;
-        return 0;
-    }
-    if (elements.size() < 3) {
-        set_error(answer);
-        return 0;
-    }
-    if (elements[0] == "GET") {
-        parse_get_query(elements[1], answer);
-        return 0;
-    }
-    if (elements[0] == "POST") return dispatch_post(buf, len, lines, header_len, elements[1], answer, result);
-    set_error(answer);
-    return 0;
+    return route_request(read_request(buf, len), answer, result);
 }

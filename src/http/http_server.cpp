@@ -20,7 +20,9 @@
 #include "core/debug.h"
 #include "core/engine.h"
 #include "core/shell.h"
+#include "core/unique_fd.h"
 #include "core/utils.h"
+#include "http/http_answer.h"
 #include "http/http_parser.h"
 #include "http/post_api.h"
 #include "http/socket_owner.h"
@@ -55,25 +57,6 @@ int http_server_port() {
 
 namespace {
 
-// Owns one socket descriptor and closes it when it goes out of scope.
-class SocketFd {
-public:
-    explicit SocketFd(int fd) : fd_(fd) {}
-    ~SocketFd() { reset(); }
-    SocketFd(const SocketFd&) = delete;
-    SocketFd& operator=(const SocketFd&) = delete;
-
-    int get() const { return fd_; }
-    bool valid() const { return fd_ >= 0; }
-    void reset() {
-        if (fd_ >= 0) close(fd_);
-        fd_ = -1;
-    }
-
-private:
-    int fd_;
-};
-
 long long monotonic_ms() {
     timespec now{};
     clock_gettime(CLOCK_MONOTONIC, &now);
@@ -86,7 +69,7 @@ struct Connection {
     Connection(int fd, long long now)
         : socket(fd), accepted_ms(now), deadline_ms(now + TimeoutSelectForRecv * 1000LL) {}
 
-    SocketFd socket;
+    UniqueFd socket;
     long long accepted_ms;
     long long deadline_ms;
     bool refused = false;    // its owner may not use the engine: answered 403
@@ -226,8 +209,7 @@ void finish_write(Connection& connection, WriteResult result) {
 // The answer to the request just read: 403 for a refused owner, else what the
 // parser wrote (after the rest of a POST body, if one is on its way).
 std::string answer_request(Connection& connection, int got, parsing_result& result) {
-    static const std::string forbidden = "HTTP/1.1 403 Forbidden\r\nConnection: close\r\n\r\n";
-    if (connection.refused) return forbidden;
+    if (connection.refused) return answer_forbidden;
     std::stringstream answer;
     int missing = parse(readBuffer, got, answer, result);
     if (missing > 0) receive_rest_of_body(connection.socket.get(), missing, result);
@@ -410,7 +392,7 @@ int http_server() {
     bound_port = 0;
     // Close-on-exec keeps the browser and other shell children from inheriting
     // the listening socket and holding the port after the engine has ended.
-    SocketFd listener(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+    UniqueFd listener(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
     if (!listener.valid()) {
         perror("socket");
         is_exit = true;

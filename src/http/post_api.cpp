@@ -1,5 +1,4 @@
-// The POST API: configuration, ".cry" and firmware uploads, processed after their connection has been
-// answered.
+// The POST API: configuration, ".cry" and firmware uploads, processed once their answer is sent.
 #include "http/post_api.h"
 
 #include <cstddef>

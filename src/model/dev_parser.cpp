@@ -8,6 +8,7 @@
 #include "core/engine.h"
 #include "core/mutex_lock.h"
 #include "link/dev_port.h"
+#include "link/exchange.h"
 #include "model/dev_parser_helpers.h"
 #include "text/txt_to_utf8.h"
 

@@ -7,6 +7,7 @@
 #include "core/engine.h"
 #include "core/mutex_lock.h"
 #include "link/dev_port.h"
+#include "link/exchange.h"
 #include "model/dev_parser.h"
 
 namespace {

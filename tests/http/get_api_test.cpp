@@ -7,6 +7,7 @@
 #include <fstream>
 
 #include "core/engine.h"
+#include "http/http_answer.h"
 #include "http/http_parser.h"
 #include "support/engine_harness.h"
 

@@ -8,6 +8,7 @@
 
 #include "core/debug.h"
 #include "core/engine.h"
+#include "http/http_answer.h"
 #include "http/http_parser.h"
 #include "support/engine_harness.h"
 

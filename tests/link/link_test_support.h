@@ -11,6 +11,7 @@
 
 #include "core/engine.h"
 #include "link/dev_port.h"
+#include "link/exchange.h"
 #include "link/pk7.h"
 #include "panel_sim.h"
 #include "support/engine_harness.h"

@@ -1,0 +1,9 @@
+// GET queries added beyond the original API, tried after all of its rules.
+#pragma once
+
+#include <sstream>
+#include <string>
+
+// Answers `target` when it is one of the added queries; false, with nothing
+// written, otherwise (the target is then an unknown query).
+bool answer_added_query(const std::string& target, std::stringstream& answer);

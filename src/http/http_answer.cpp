@@ -1,0 +1,81 @@
+// HTTP answers: the builders of every answer head, the JSON result envelopes and the refusals.
+#include "http/http_answer.h"
+
+const char* const json_ok = "{\"result\":\"ok\",\"description\":\"\"}";
+const char* const json_error = "{\"result\":\"error\",\"description\":\"\"}";
+const char* const json_continue = "{\"result\":\"continue\",\"description\":\"\"}";
+const char* const err_con_port = "Ошибка подключения к порту";
+
+const char* const answer_forbidden = "HTTP/1.1 403 Forbidden\r\nConnection: close\r\n\r\n";
+const char* const answer_too_large = "HTTP/1.1 413 Payload Too Large\r\nConnection: close\r\n\r\n";
+
+static const char* const status_ok = "HTTP/1.1 200 OK\r\n";
+static const char* const connection_close = "Connection: close\r\n";
+
+static void write_answer(std::stringstream& answer, const std::string& own_headers, const std::string& body) {
+    answer << status_ok << connection_close << own_headers << "Content-Length: " << body.size() << "\r\n\r\n";
+    answer.write(body.data(), static_cast<std::streamsize>(body.size()));
+}
+
+void set_response_html(std::stringstream& answer, const std::string& body) {
+    write_answer(answer, "Content-Type: text/html; charset=UTF-8\r\n", body);
+}
+
+void set_response_css(std::stringstream& answer, const std::string& body) {
+    write_answer(answer, "Content-Type: text/css; charset=UTF-8\r\n", body);
+}
+
+// The image builders leave the transfer-encoding text without a line end: it shares
+// its line with Content-Length, the wire form the user interface was built against.
+void set_response_png(std::stringstream& answer, const std::string& body) {
+    write_answer(answer, "Content-Type: image/png\r\nContent-Transfer-Encoding: binary;", body);
+}
+
+void set_response_ico(std::stringstream& answer, const std::string& body) {
+    write_answer(answer, "Content-Type: image/x-icon\r\nContent-Transfer-Encoding: binary;", body);
+}
+
+void set_response_svg(std::stringstream& answer, const std::string& body) {
+    write_answer(answer, "Content-Type: image/svg+xml\r\nContent-Transfer-Encoding: binary;", body);
+}
+
+void set_response_json(std::stringstream& answer, const std::string& body) {
+    write_answer(answer,
+                 "Access-Control-Allow-Origin: *\r\n"
+                 "Content-Type: application/javascript; charset=utf-8\r\n",
+                 body);
+}
+
+void set_response_cfg_file(std::stringstream& answer, const std::string& body) {
+    write_answer(answer,
+                 "Content-Type: text/plain; charset=UTF-8\r\n"
+                 "Content-disposition: attachment; filename=config.ini\r\n"
+                 "Content-transfer-encoding: text\r\n",
+                 body);
+}
+
+void set_response_events_file(std::stringstream& answer, const std::string& body,
+                              const std::string& file_name) {
+    write_answer(answer,
+                 "Content-Type: text/plain; charset=UTF-8\r\n"
+                 "Content-disposition: attachment; filename=" +
+                     file_name +
+                     "\r\n"
+                     "Content-transfer-encoding: text\r\n",
+                 body);
+}
+
+void set_error(std::stringstream& answer) {
+    answer << "HTTP/1.1 404 Not Found\r\n"
+           << "Connection: close\r\n\r\n";
+}
+
+void set_OK(std::stringstream& answer) {
+    answer << status_ok << "Connection: close\r\n\r\n";
+}
+
+void set_error_and_descr(std::string& out, const char* descr) {
+    out = "{\"result\":\"error\",\"description\":\"";
+    out += descr;
+    out += "\"}";
+}
