@@ -115,31 +115,20 @@ static void watch_silence() {
 // Cuts a chunk into frames; the reader state persists so that a frame may
 // span several chunks.
 static void collect_frames(const unsigned char* bytes, size_t len) {
-    for (size_t i = 0; i < len; ++i) {
-        unsigned char b = bytes[i];
-        if (b == static_cast<unsigned char>(PK7_START)) {
-            if (!current_packet.empty()) {
-                console_line("dev packet loss!");
-                current_packet.clear();
-            }
-            form_enable = true;
-        } else if (b == static_cast<unsigned char>(PK7_END)) {
-            if (!current_packet.empty()) {
+    read_frames({form_enable, next_inv, current_packet}, bytes, len, [](ReaderEvent event, size_t) {
+        switch (event) {
+            case ReaderEvent::frame:
                 parser.packets.push_back(current_packet);
-                current_packet.clear();
-            } else {
+                break;
+            case ReaderEvent::frame_lost:
+                console_line("dev packet loss!");
+                break;
+            case ReaderEvent::end_without_start:
                 write_ok();
                 console_line("dev packet not contain start byte, packet loss!");
-            }
-            form_enable = false;
-        } else if (b == static_cast<unsigned char>(PK7_ESCAPE)) {
-            next_inv = true;
-        } else if (form_enable) {
-            if (current_packet.size() < MAX_FRAME_BYTES)
-                current_packet.push_back(next_inv ? static_cast<unsigned char>(b ^ 0x40) : b);
-            next_inv = false;
+                break;
         }
-    }
+    });
 }
 
 void read_step() {

@@ -6,6 +6,8 @@
 #include <cstdint>
 #include <vector>
 
+#include "link/frame_reader.h"
+
 extern std::atomic<bool> need_sf;                  // write cmd_sf before anything else
 extern std::atomic<int> send_sf_cnt;               // restarts since the last data received
 extern std::atomic<bool> write_sf_error;           // last cmd_sf write failed
@@ -21,11 +23,6 @@ extern std::atomic<bool> send_re;
 // The frame awaiting its receipt is the access-password block: a plain
 // receipt means the panel accepted the password, "AN3" that it refused it.
 extern std::atomic<bool> pass_block_written;
-
-// A panel frame's length field cannot state more than 999 bytes, so a frame
-// collected beyond this is answered "AN1" whatever follows; the reader keeps
-// no more of it, so a panel that never ends its frame cannot fill the memory.
-inline constexpr size_t MAX_FRAME_BYTES = 2048;
 
 // Silence after which the link is restarted, in ms (a read count below it is quiet).
 inline constexpr uint64_t DEV_SILENCE_MS = 20001;

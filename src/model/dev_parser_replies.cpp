@@ -8,6 +8,7 @@
 #include "core/mutex_lock.h"
 #include "link/dev_port.h"
 #include "link/exchange.h"
+#include "link/frame_reader.h"
 #include "model/dev_parser.h"
 
 namespace {
@@ -32,12 +33,6 @@ std::string text_from(const std::vector<unsigned char>& pkt, unsigned long at) {
     return std::string(pkt.begin() + static_cast<long>(at), pkt.end());
 }
 
-// The value of the length field: the three digits after the leading "0".
-int declared_length(const std::vector<unsigned char>& pkt) {
-    std::string digits(pkt.begin() + 1, pkt.begin() + 4);
-    return static_cast<int>(strtol(digits.c_str(), nullptr, 10));
-}
-
 }  // namespace
 
 int DevParser::parse_all() {
@@ -51,23 +46,23 @@ int DevParser::parse_all() {
 
 int DevParser::parse_packet(std::vector<unsigned char>& pkt) {
     if (!is_open()) return 0;
-    if (pkt.size() < 5) {
+    const FrameFault fault = frame_fault(pkt);
+    if (fault == FrameFault::no_header) {
         console_stamped("Отсутсвует заголовок пакета");
         return 0;
     }
     const unsigned char type = pkt[4];
-    if (pkt[0] != '0') {
+    if (fault == FrameFault::encrypted) {
         console_stamped("Шифрование не поддерживается");
         if (type != 'A') send_AN5 = true;
         return 0;
     }
-    const int declared = declared_length(pkt);
-    const int received = static_cast<int>(pkt.size());
-    if (declared != received) {
-        console_stamped("Несоответствие длины пакета: заявлено " + std::to_string(declared) +
-                        " байт, получено " + std::to_string(received) + " байт");
+    if (fault != FrameFault::none) {
+        console_stamped("Несоответствие длины пакета: заявлено " +
+                        std::to_string(frame_declared_length(pkt)) + " байт, получено " +
+                        std::to_string(pkt.size()) + " байт");
         if (type == 'A') return 0;
-        if (declared >= received)
+        if (fault == FrameFault::too_short)
             send_AN2 = true;
         else
             send_AN1 = true;
