@@ -30,7 +30,7 @@ test: build $(JS_DEPS)
 SANITIZER_SKIP := SilenceRestarts
 # Test programs of the code that runs on both threads.
 THREADED_TESTS := queue_to_dev_test http_server_test exchange_test dev_parser_test status_test \
-	logs_events_test config_test engine_config_test engine_jobs_test
+	logs_events_test config_test engine_config_test engine_jobs_test link_record_test
 
 # The whole suite under AddressSanitizer and UndefinedBehaviorSanitizer.
 test-asan: $(JS_DEPS)

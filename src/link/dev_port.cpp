@@ -15,6 +15,7 @@
 #include "core/shell.h"
 #include "core/utils.h"
 #include "link/exchange.h"
+#include "link/link_record.h"
 
 std::atomic<int> USB{0};
 pthread_mutex_t port_mutex = PTHREAD_MUTEX_INITIALIZER;
@@ -157,7 +158,11 @@ int open_dev(std::string& path) {
             send_sf_cnt = 0;
         }
         // A second open must not leak the first descriptor.
-        if (replaced != 0) close(replaced);
+        if (replaced != 0) {
+            close(replaced);
+            link_record_close();
+        }
+        if (fd >= 0) link_record_open(path);
     }
     if (fd < 0) {
         console_line("Error. Don't open device (w)" + path);
@@ -173,7 +178,10 @@ void close_dev() {
     {
         MutexLock lock(port_mutex);
         fd = USB.exchange(0);
-        if (fd != 0) close(fd);
+        if (fd != 0) {
+            close(fd);
+            link_record_close();
+        }
         ++port_generation;
     }
     if (fd != 0) console_line("Close device ");
@@ -189,7 +197,8 @@ bool dev_no_valid() {
 
 // Writes what the port takes now of bytes[done, len) under the lock. False
 // when the port is gone, was reopened since `generation`, or failed.
-static bool write_some(const char* bytes, size_t len, size_t& done, int& fd, uint64_t& generation) {
+static bool write_some(const char* bytes, size_t len, size_t& done, int& fd, uint64_t& generation,
+                       const RecordedWrite& recorded) {
     MutexLock lock(port_mutex);
     if (USB == 0) return false;
     if (fd == -1) {
@@ -199,7 +208,10 @@ static bool write_some(const char* bytes, size_t len, size_t& done, int& fd, uin
     if (USB != fd || port_generation != generation) return false;
     if (done == len) return true;
     ssize_t wrote = write(fd, bytes + done, len - done);
-    if (wrote > 0) done += static_cast<size_t>(wrote);
+    if (wrote > 0) {
+        recorded.wrote(done, static_cast<size_t>(wrote));
+        done += static_cast<size_t>(wrote);
+    }
     return wrote >= 0 || errno == EAGAIN || errno == EINTR;
 }
 
@@ -213,8 +225,9 @@ bool write_dev(void* buf, size_t len) {
     int fd = -1;
     uint64_t generation = 0;
     const uint64_t deadline = monotonic_ms() + WRITE_DEADLINE_MS;
+    const RecordedWrite recorded(bytes, len);
     for (;;) {
-        if (!write_some(bytes, len, done, fd, generation)) return len == 0 && fd == -1;
+        if (!write_some(bytes, len, done, fd, generation, recorded)) return len == 0 && fd == -1;
         if (done == len) break;
         uint64_t now = monotonic_ms();
         if (now >= deadline) return false;
@@ -258,6 +271,7 @@ int read_dev(unsigned char* buf, size_t* len) {
         if (USB != fd) return 0;
         got = read(fd, buf, sizeof pbuf);
         error = errno;
+        if (got > 0) link_record_traffic(LinkDirection::from_panel, buf, static_cast<size_t>(got));
     }
     if (got > 0) {
         *len = static_cast<size_t>(got);
