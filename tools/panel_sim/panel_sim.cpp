@@ -82,27 +82,53 @@ PanelSim::~PanelSim() {
     stop();
 }
 
-bool PanelSim::start() {
-    if (running_) return true;
+bool open_sim_pty(SimPty& pty, std::string& error) {
     char name[PATH_MAX] = {};
-    if (openpty(&master_fd_, &slave_fd_, name, nullptr, nullptr) != 0) {
-        error_ = std::string("openpty: ") + std::strerror(errno);
+    if (openpty(&pty.master, &pty.slave, name, nullptr, nullptr) != 0) {
+        error = std::string("openpty: ") + std::strerror(errno);
         return false;
     }
     // Programs started meanwhile (the engine under test, its shell commands)
     // must not inherit the master: a copy held elsewhere would keep a hang-up
     // from reaching the engine.
-    fcntl(master_fd_, F_SETFD, FD_CLOEXEC);
-    fcntl(slave_fd_, F_SETFD, FD_CLOEXEC);
+    fcntl(pty.master, F_SETFD, FD_CLOEXEC);
+    fcntl(pty.slave, F_SETFD, FD_CLOEXEC);
     // Raw like a USB serial line: no echo, no line editing, every byte passes;
     // the engine's own "stty raw" then changes nothing.
     termios mode{};
-    tcgetattr(slave_fd_, &mode);
+    tcgetattr(pty.slave, &mode);
     cfmakeraw(&mode);
-    tcsetattr(slave_fd_, TCSANOW, &mode);
-    fcntl(master_fd_, F_SETFL, fcntl(master_fd_, F_GETFL) | O_NONBLOCK);
-    slave_path_ = name;
-    make_link();
+    tcsetattr(pty.slave, TCSANOW, &mode);
+    fcntl(pty.master, F_SETFL, fcntl(pty.master, F_GETFL) | O_NONBLOCK);
+    pty.slave_path = name;
+    return true;
+}
+
+std::string make_sim_link(const std::string& slave_path) {
+    if (geteuid() != 0) return "";
+    struct stat existing {};
+    if (lstat(PANEL_SIM_LINK, &existing) == 0) {
+        if (!S_ISLNK(existing.st_mode)) return "";  // a real device of that name: leave it
+        unlink(PANEL_SIM_LINK);                     // left over from a simulator that was killed
+    }
+    return symlink(slave_path.c_str(), PANEL_SIM_LINK) == 0 ? PANEL_SIM_LINK : "";
+}
+
+void remove_sim_link(const std::string& link_path, const std::string& slave_path) {
+    if (link_path.empty()) return;
+    char target[PATH_MAX] = {};
+    ssize_t n = readlink(link_path.c_str(), target, sizeof target - 1);
+    if (n > 0 && slave_path == std::string(target, static_cast<size_t>(n))) unlink(link_path.c_str());
+}
+
+bool PanelSim::start() {
+    if (running_) return true;
+    SimPty pty;
+    if (!open_sim_pty(pty, error_)) return false;
+    master_fd_ = pty.master;
+    slave_fd_ = pty.slave;
+    slave_path_ = pty.slave_path;
+    if (options_.make_link) link_path_ = make_sim_link(slave_path_);
     running_ = true;
     thread_ = std::thread([this] { run(); });
     return true;
@@ -110,28 +136,11 @@ bool PanelSim::start() {
 
 void PanelSim::stop() {
     if (running_.exchange(false) && thread_.joinable()) thread_.join();
-    remove_link();
+    remove_sim_link(link_path_, slave_path_);
+    link_path_.clear();
     close_master();
     if (slave_fd_ >= 0) close(slave_fd_);
     slave_fd_ = -1;
-}
-
-void PanelSim::make_link() {
-    if (!options_.make_link || geteuid() != 0) return;
-    struct stat existing {};
-    if (lstat(PANEL_SIM_LINK, &existing) == 0) {
-        if (!S_ISLNK(existing.st_mode)) return;  // a real device of that name: leave it
-        unlink(PANEL_SIM_LINK);                  // left over from a simulator that was killed
-    }
-    if (symlink(slave_path_.c_str(), PANEL_SIM_LINK) == 0) link_path_ = PANEL_SIM_LINK;
-}
-
-void PanelSim::remove_link() {
-    if (link_path_.empty()) return;
-    char target[PATH_MAX] = {};
-    ssize_t n = readlink(link_path_.c_str(), target, sizeof target - 1);
-    if (n > 0 && slave_path_ == std::string(target, static_cast<size_t>(n))) unlink(link_path_.c_str());
-    link_path_.clear();
 }
 
 void PanelSim::close_master() {
@@ -173,6 +182,11 @@ std::vector<SimFrame> PanelSim::received() {
 std::string PanelSim::received_bytes() {
     std::lock_guard<std::mutex> lock(in_mutex_);
     return raw_in_;
+}
+
+std::string PanelSim::sent_bytes() {
+    std::lock_guard<std::mutex> lock(out_mutex_);
+    return raw_out_;
 }
 
 void PanelSim::forget_received() {
@@ -234,6 +248,7 @@ void PanelSim::flush_output() {
         ssize_t n = write(master_fd_, head.bytes.data(), head.bytes.size());
         if (n <= 0) return;  // the engine is not reading: try again later
         if (trace_) std::cout << "panel >> " << printable(head.bytes.substr(0, n)) << std::endl;
+        raw_out_.append(head.bytes, 0, static_cast<size_t>(n));
         out_bytes_ -= static_cast<size_t>(n);
         if (static_cast<size_t>(n) < head.bytes.size()) {
             head.bytes.erase(0, static_cast<size_t>(n));

@@ -50,6 +50,20 @@ struct SimFrame {
 
 inline constexpr const char* PANEL_SIM_LINK = "/dev/ttyUSB-SIM";
 
+// A pseudo-terminal raw like a USB serial line: the panel's side is the master
+// (non-blocking), the engine opens the slave's path. The slave stays open here
+// too, so that the engine closing its port never hangs the master up.
+struct SimPty {
+    int master = -1;
+    int slave = -1;
+    std::string slave_path;
+};
+bool open_sim_pty(SimPty& pty, std::string& error);
+// As root, points PANEL_SIM_LINK at the slave: the link's path, or "" when none was made.
+std::string make_sim_link(const std::string& slave_path);
+// Removes the link if it still points at this slave.
+void remove_sim_link(const std::string& link_path, const std::string& slave_path);
+
 class PanelSim {
 public:
     explicit PanelSim(PanelSimOptions options = {});
@@ -91,6 +105,8 @@ public:
     std::vector<SimFrame> received();
     std::string received_bytes();
     void forget_received();
+    // Everything the panel wrote to the engine, as raw bytes.
+    std::string sent_bytes();
     // Waits until at least count frames have arrived; false on time-out.
     bool wait_received(size_t count, int timeout_ms);
     // Waits until the raw bytes received reach at least len; false on time-out.
@@ -119,8 +135,6 @@ private:
     void queue_frame(const std::string& frame);
     void queue_answer(const std::vector<std::string>& frames);
     void queue_bytes(const std::string& bytes, std::chrono::steady_clock::time_point due);
-    void make_link();
-    void remove_link();
     PanelContent content();
 
     PanelSimOptions options_;
@@ -148,6 +162,7 @@ private:
     std::mutex out_mutex_;
     std::deque<Chunk> out_;
     size_t out_bytes_ = 0;
+    std::string raw_out_;
 
     std::mutex in_mutex_;
     std::condition_variable in_changed_;

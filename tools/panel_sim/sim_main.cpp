@@ -4,17 +4,22 @@
 // "/dev/pts/3"), flushed at once; with --verbose every frame received
 // ("panel << ") and every chunk written ("panel >> ") follows, one per line.
 // Runs until SIGINT or SIGTERM; exit status 0, or 1 when no pty can be opened
-// or an option is not understood.
+// or an option is not understood. With --replay it plays a link record instead
+// and ends when the record is played out: exit status 0 only when no frame of
+// the engine differed from the record.
 #include <pthread.h>
 #include <signal.h>
 
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
+#include <fstream>
 #include <iostream>
+#include <iterator>
 #include <string>
 
 #include "crypto/CryptoKey.h"
+#include "panel_replay.h"
 #include "panel_sim.h"
 
 namespace {
@@ -37,6 +42,12 @@ const char* usage =
     "  --password TEXT      the panel's access password (others are refused); needs --cipher\n"
     "  --cipher FILE        cipher table file, as the engine's cipher.txt\n"
     "  --verbose            print every frame received and every chunk written\n"
+    "  --replay FILE        play the panel's side of a link record (the engine's\n"
+    "                       linkrecord download) against an engine driven through\n"
+    "                       the same requests; prints each frame that differs and\n"
+    "                       \"replay: N frames matched, M differed\", exits 0 when M is 0\n"
+    "  --fast               with --replay: answer at once, not after the recorded gaps\n"
+    "  --max-diff N         with --replay: stop after N differences (default 10)\n"
     "  --help               this text\n";
 
 constexpr int DEFAULT_LOG_RECORDS = 300;
@@ -54,8 +65,14 @@ bool read_number(const char* text, int& out, long max = 86400000) {
     return true;
 }
 
+struct ReplayChoice {
+    std::string file;  // empty: no replay
+    ReplayOptions options;
+};
+
 // 1: run, 0: help shown, -1: bad option.
-int parse_options(int argc, char** argv, PanelSimOptions& options, bool& verbose, std::string& cipher) {
+int parse_options(int argc, char** argv, PanelSimOptions& options, bool& verbose, std::string& cipher,
+                  ReplayChoice& replay) {
     int log_records = DEFAULT_LOG_RECORDS;
     int events = DEFAULT_EVENTS;
     for (int i = 1; i < argc; ++i) {
@@ -88,14 +105,47 @@ int parse_options(int argc, char** argv, PanelSimOptions& options, bool& verbose
             ++i;
         else if (arg == "--events" && read_number(next, events, static_cast<long>(SIM_MAX_EVENTS)))
             ++i;
+        else if (arg == "--replay" && next != nullptr && *next != '\0')
+            replay.file = argv[++i];
+        else if (arg == "--fast")
+            replay.options.fast = true;
+        else if (arg == "--max-diff" && read_number(next, replay.options.max_diff, 1000000) &&
+                 replay.options.max_diff > 0)
+            ++i;
         else {
             std::cerr << "vorpanel-sim: bad option " << arg << "\n" << usage;
             return -1;
         }
     }
+    replay.options.make_link = options.make_link;
     options.content.log_records = sim_journal(static_cast<size_t>(log_records), MEMORY_START);
     options.content.events = sim_event_memory(static_cast<size_t>(events), MEMORY_START);
     return 1;
+}
+
+std::atomic<bool> replay_stop{false};
+
+void stop_replay(int) {
+    replay_stop = true;
+}
+
+// Plays a record until it is played out or a stop signal comes.
+int replay_record(const ReplayChoice& choice) {
+    std::ifstream in(choice.file, std::ios::binary);
+    std::string text(std::istreambuf_iterator<char>(in), {});
+    PanelReplay replay(choice.options);
+    if (!in || !replay.load(text)) {
+        std::cerr << "vorpanel-sim: " << choice.file << ": " << (in ? replay.error() : "cannot read") << "\n";
+        return 1;
+    }
+    if (!replay.start()) {
+        std::cerr << "vorpanel-sim: " << replay.error() << "\n";
+        return 1;
+    }
+    signal(SIGINT, stop_replay);
+    signal(SIGTERM, stop_replay);
+    std::cout << replay.slave_path() << std::endl;
+    return replay.run(replay_stop, std::cout);
 }
 
 }  // namespace
@@ -104,12 +154,14 @@ int main(int argc, char** argv) {
     PanelSimOptions options;
     bool verbose = false;
     std::string cipher;
-    int parsed = parse_options(argc, argv, options, verbose, cipher);
+    ReplayChoice replay;
+    int parsed = parse_options(argc, argv, options, verbose, cipher, replay);
     if (parsed == 0) {
         std::cout << usage;
         return 0;
     }
     if (parsed < 0) return 1;
+    if (!replay.file.empty()) return replay_record(replay);
     std::string error;
     if (!options.content.access_password.empty() && !load_cipher_file(cipher.c_str(), error)) {
         std::cerr << "vorpanel-sim: --password needs a usable --cipher file: " << error << "\n";
