@@ -101,6 +101,13 @@ export async function download(text) {
   return new Uint8Array(await (await send(API + text)).arrayBuffer());
 }
 
+// A GET whose answer is a file: its bytes and the name the engine gives it (else `fallback`).
+export async function downloadNamed(text, fallback) {
+  const response = await send(API + text);
+  const name = /filename=([^;\s]+)/.exec(response.headers.get('Content-Disposition') ?? '')?.[1] ?? fallback;
+  return { name, bytes: new Uint8Array(await response.arrayBuffer()) };
+}
+
 // Hands bytes to the browser as a file download.
 export function saveFile(name, bytes) {
   const url = URL.createObjectURL(new Blob([bytes], { type: 'application/octet-stream' }));

@@ -1,4 +1,4 @@
-// Connection view: the port list, connect and disconnect, the link state and the access password.
+// Connection view: the port list, connect and disconnect, the link state, the access password and the link record.
 import { t } from '../texts.js';
 import * as api from '../api.js';
 import { $, h, askPassword, guarded, linkWords, showNote, sleep } from '../ui.js';
@@ -65,6 +65,13 @@ export async function sendAccessPassword(password) {
   }
 }
 
+// The engine's record of the serial traffic, what support asks for (pk7dump reads it).
+async function downloadRecord() {
+  const { name, bytes } = await api.downloadNamed('linkrecord', 'link.txt');
+  api.saveFile(name, bytes);
+  showNote(t('conn.recordSaved', name));
+}
+
 async function password() {
   const value = await askPassword(t('pass.title'));
   if (value === null) return;
@@ -93,7 +100,8 @@ export default {
         h('button', { id: 'connect', type: 'button', onclick: (e) => guarded(e.currentTarget, () => connect(ctx)) }, t('conn.connect')),
         h('button', { id: 'disconnect', type: 'button', onclick: (e) => guarded(e.currentTarget, () => disconnect(ctx)) }, t('conn.disconnect')),
         h('button', { id: 'password', type: 'button', onclick: (e) => guarded(e.currentTarget, password) }, t('conn.password'))),
-      h('p', {}, `${t('link.label')}: `, h('strong', { id: 'conn-state' }, t('link.unknown'))));
+      h('p', {}, `${t('link.label')}: `, h('strong', { id: 'conn-state' }, t('link.unknown')), ' ',
+        h('button', { id: 'link-record', type: 'button', onclick: (e) => guarded(e.currentTarget, downloadRecord) }, t('conn.record'))));
     ctx.store.subscribe(render);
   },
   async show(ctx) {

@@ -371,8 +371,25 @@ async function run(page, port, pty, simLog, scratch) {
     return wide.length === 0 || `too wide: ${wide}`;
   });
 
-  await step('disconnect closes the port', page, async () => {
+  await step('download the link record through the page: the session\'s frames, the password masked', page, async () => {
     await openView(page, 'connection');
+    const [file] = await Promise.all([page.waitForEvent('download', { timeout: WAIT }), page.click('#link-record')]);
+    const name = file.suggestedFilename();
+    const saved = path.join(artifacts, 'link-record.txt');
+    fs.copyFileSync(await file.path(), saved);
+    const text = fs.readFileSync(saved, 'latin1');
+    const head = text.startsWith('# vorcore link record 1\n# engine 5.2.22\n');
+    const hex = (frame) => Buffer.from(frame, 'latin1').toString('hex');
+    const sent = [hex('~0007FSF\x7f'), hex('~0010FCF-11\x7f'), hex('~0007FPL\x7f'), hex('~0007FMH\x7f')].every((h) => text.includes(h));
+    const masked = text.includes(hex(`~0023B${'\0'.repeat(18)}\x7f`));
+    // pk7dump is built beside the simulator.
+    const dump = spawnSync(path.join(path.dirname(simulator), 'pk7dump'), [saved], { encoding: 'utf8' });
+    const decoded = dump.status === 0 && dump.stdout.includes('access password (masked)') && / > F \d{4} configuration "zn1-7\\r\\n/.test(dump.stdout);
+    return (/^link-\d{8}-\d{6}\.txt$/.test(name) && head && sent && masked && decoded)
+      || `name=${name} head=${head} sent=${sent} masked=${masked} pk7dump=${dump.status} ${dump.stderr ?? ''}`;
+  });
+
+  await step('disconnect closes the port', page, async () => {
     await page.click('#disconnect');
     // The engine clears its image on disconnect: status 1, no device.
     await until(async () => (await page.getAttribute('#link-state', 'data-state')) === '1', 'link state 1');
