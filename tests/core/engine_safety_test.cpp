@@ -44,27 +44,33 @@ std::string exchange_as(uid_t uid, int port, const std::string& request) {
     return answer;
 }
 
-// Connections of another local user (uid 65534), opened and dropped as fast as it can until the
-// object goes (root only: the client is a child process that gives up root).
-struct Flood {
-    explicit Flood(int port) {
+// A child process that runs `body` as another local user (uid 65534; as the test's own user unless
+// the test runs as root) until the object goes.
+struct AsOtherUser {
+    template <typename Body>
+    explicit AsOtherUser(Body body) {
         pid = fork();
         if (pid != 0) return;
-        if (setgroups(0, nullptr) == 0 && setgid(65534) == 0 && setuid(65534) == 0) {
-            const std::string request = local_get(port, "/tuning/device?id=-1&exit");
-            for (;;) {
-                Fd connection = connect_to(port);
-                send(connection.get(), request.data(), request.size(), MSG_NOSIGNAL);
-            }
-        }
-        _exit(1);
+        if (geteuid() == 0 && (setgroups(0, nullptr) != 0 || setgid(65534) != 0 || setuid(65534) != 0))
+            _exit(1);
+        body();
+        _exit(0);
     }
-    ~Flood() {
+    ~AsOtherUser() {
         kill(pid, SIGKILL);
         waitpid(pid, nullptr, 0);
     }
     pid_t pid;
 };
+
+// Connections opened and dropped as fast as a client can.
+void flood(int port) {
+    const std::string request = local_get(port, "/tuning/device?id=-1&exit");
+    for (;;) {
+        Fd connection = connect_to(port);
+        send(connection.get(), request.data(), request.size(), MSG_NOSIGNAL);
+    }
+}
 
 // A socket bound to [::1] on `port` (listening when asked); invalid when the port is taken there.
 Fd bind_ipv6_loopback(int port, bool listening) {
@@ -304,9 +310,9 @@ TEST(IdleEnd, FifteenSecondsAfterTheLastConnectionOrTheLastFirmwareBlock) {
     ASSERT_NE(idle.port(), 0) << idle.console();
     // Meanwhile another local user floods the idle engine with connections: they never take a
     // browser's place, never keep the engine running, and their refusals are printed once in 10 s.
-    std::unique_ptr<Flood> flood;
+    std::unique_ptr<AsOtherUser> flooding;
     if (geteuid() == 0)
-        flood = std::make_unique<Flood>(idle.port());
+        flooding = std::make_unique<AsOtherUser>([&] { flood(idle.port()); });
     else
         std::cout << "Not checked: a flood of another user's connections (needs root to be another user)\n";
     auto flood_start = Clock::now();
@@ -335,7 +341,7 @@ TEST(IdleEnd, FifteenSecondsAfterTheLastConnectionOrTheLastFirmwareBlock) {
     EXPECT_GT(seconds_since(last), 14.5);
     EXPECT_LT(seconds_since(last), 17.5);
     EXPECT_TRUE(idle.console().ends_with("close listen socket\n")) << idle.console();
-    if (flood) {
+    if (flooding) {
         std::string console = idle.console();
         size_t refusals = 0;
         for (size_t at = 0; (at = console.find("Request refused", at)) != std::string::npos; ++at) ++refusals;
@@ -344,7 +350,7 @@ TEST(IdleEnd, FifteenSecondsAfterTheLastConnectionOrTheLastFirmwareBlock) {
         EXPECT_GE(refusals, 1u);
         EXPECT_LE(refusals, 2 * (static_cast<size_t>(seconds_since(flood_start) / 10) + 1)) << console;
         EXPECT_NE(console.find(" more refused before this)\n"), std::string::npos) << console;
-        flood.reset();
+        flooding.reset();
     }
     ASSERT_NO_FATAL_FAILURE(engine.expect_clean_end(45));
     auto ended = Clock::now();
@@ -359,7 +365,7 @@ TEST(IdleEnd, FifteenSecondsAfterTheLastConnectionOrTheLastFirmwareBlock) {
     EXPECT_LT(after_last, 17.5);
 }
 
-// The engine holds its port on 127.0.0.1 and [::1]: a port where another program listens on [::1]
+// The engine holds its port on 127.0.0.1 and [::1]: a port where another user listens on [::1]
 // is skipped (a browser resolving localhost to ::1 would reach that program), and while the engine
 // runs nobody can bind [::1] on its port. Two engines started at once take two ports.
 TEST(Listening, BothLoopbackAddressesOrTheNextPort) {
@@ -367,8 +373,17 @@ TEST(Listening, BothLoopbackAddressesOrTheNextPort) {
     int free_port = 0;
     Fd probe = bind_first_free(8080, free_port);
     probe.reset();
-    Fd other = bind_ipv6_loopback(free_port, true);
-    ASSERT_GE(other.get(), 0);
+    int ends[2];
+    ASSERT_EQ(pipe(ends), 0);
+    Fd ready_read(ends[0]), ready_write(ends[1]);
+    AsOtherUser other([&] {
+        Fd listener = bind_ipv6_loopback(free_port, true);
+        if (listener.get() < 0 || write(ready_write.get(), "1", 1) != 1) return;
+        pause();
+    });
+    ready_write.reset();
+    char ready = 0;
+    ASSERT_EQ(read(ready_read.get(), &ready, 1), 1) << "no listener on [::1]:" << free_port;
     TempDir dir;
     EngineProcess engine(dir);
     ASSERT_GT(engine.port(), free_port) << engine.console();
