@@ -19,6 +19,7 @@
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
+#include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <memory>
@@ -133,7 +134,10 @@ struct TempDir {
         std::ofstream(path_ + "/su") << "#!/bin/sh\nprintf '%s\\n' \"$@\" >> \"" << path_ << "/su.log\"\n";
         chmod((path_ + "/su").c_str(), 0755);
     }
-    ~TempDir() { std::system(("rm -rf '" + path_ + "'").c_str()); }
+    ~TempDir() {
+        std::error_code ignored;  // a scratch directory left behind fails no test
+        std::filesystem::remove_all(path_, ignored);
+    }
     const std::string& path() const { return path_; }
     std::string su_log() const { return read_text_file(path_ + "/su.log"); }
     std::string path_;
