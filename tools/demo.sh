@@ -32,18 +32,27 @@ stop_all() {
 }
 trap 'stop_all; exit 0' INT TERM
 
+# Stops both programs and ends with the simulator's own words, when it has
+# ended or never opened its terminal.
+simulator_failed() {
+    echo "The panel simulator did not start or has stopped: $(head -n 3 "$sim_log" | tr '\n' ' ')"
+    stop_all
+    exit 1
+}
+
 # As root the simulator also appears as /dev/ttyUSB-SIM, like a plugged-in panel.
 "$build/vorpanel-sim" >"$sim_log" 2>&1 &
 sim_pid=$!
+# Its first line is its terminal's path; anything else is its error.
+pty=""
 for _ in $(seq 50); do
     pty=$(head -n 1 "$sim_log" 2>/dev/null)
-    [ -n "$pty" ] && break
+    [ -c "$pty" ] && break
+    kill -0 "$sim_pid" 2>/dev/null || break
     sleep 0.1
 done
-if [ -z "${pty:-}" ]; then
-    echo "The panel simulator did not start; see $sim_log"
-    stop_all
-    exit 1
+if [ ! -c "$pty" ] || ! kill -0 "$sim_pid" 2>/dev/null; then
+    simulator_failed
 fi
 if [ "$(readlink /dev/ttyUSB-SIM 2>/dev/null)" = "$pty" ]; then
     pty=/dev/ttyUSB-SIM
@@ -81,6 +90,7 @@ if [ -z "$engine_opens" ] && [ -n "${DISPLAY:-}${WAYLAND_DISPLAY:-}" ] && comman
 fi
 echo "Live status every 2 s (Ctrl+C ends both programs):"
 while true; do
+    kill -0 "$sim_pid" 2>/dev/null || { echo; simulator_failed; }
     if ! line=$(curl -s --max-time 3 "http://127.0.0.1:$port/tuning/device?id=-1&statusdevice" |
         python3 "$here/tools/demo_status.py" summary); then
         # A busy engine (a connect prepares the port for 2 s) is asked again.

@@ -1,6 +1,7 @@
 // Process start-up, the long-lived globals shared by both threads, shutdown.
 #include "core/engine.h"
 
+#include <malloc.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -149,7 +150,16 @@ void* threadFunc(void*) {
     pthread_exit(nullptr);
 }
 
+// Large answers (a configuration list, a static file) are built and freed
+// with every request. A fixed threshold keeps such buffers in their own
+// mappings, which go back to the system when freed; by default the allocator
+// raises the threshold after the first one and keeps their memory for good.
+static void return_large_buffers() {
+    mallopt(M_MMAP_THRESHOLD, 256 * 1024);
+}
+
 int engine_main(int argc, char** argv) {
+    return_large_buffers();
     console_line("");
     console_line(std::string("Configurator Core ver ") + engine_version);
     user_name = read_sudo_user();

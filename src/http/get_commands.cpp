@@ -204,12 +204,25 @@ std::string cmd_restart(char* frame, size_t len) {
     return queue.command_to_dev(std::vector<char>(frame, frame + len), true) ? json_ok : json_error;
 }
 
+// A configuration write is refused, changing nothing, without an open port
+// or while a frame of an earlier write (its EC included) still waits to be
+// written: writes cannot pile up behind a panel that does not answer.
+bool config_write_refused() {
+    if (dev_no_valid()) return true;
+    if (!queue.write_frames_waiting()) return false;
+    console_stamped("Command refused: an earlier configuration write still waits for the panel");
+    return true;
+}
+
+// The frames are queued before the status says "writing": a write refused
+// for its size changes nothing, and a write that drains at once still ends
+// in status 3, which the next cycle sets for an empty queue in status 5.
 std::string cmd_write_config() {
-    if (dev_no_valid()) return json_error;
+    if (config_write_refused()) return json_error;
+    if (!parser.cfg_to_dev()) return json_error;
     parser.set_status(5);
     reset_counter(parser.cfg_count);
     parser.set_ready_text(&StatusDevice::progress_cfg, "0");
-    parser.cfg_to_dev();
     return json_ok;
 }
 

@@ -243,12 +243,24 @@ static int content_length_of(const std::string& line) {
     return static_cast<int>(n);
 }
 
+// True for a head line "Expect: 100-continue" (names and values without case).
+static bool asks_to_continue(const std::string& line) {
+    size_t colon = line.find(':');
+    if (colon == std::string::npos) return false;
+    static const std::string_view blanks(" \t");
+    return lower_case(trimmed(std::string_view(line).substr(0, colon), blanks)) == "expect" &&
+           lower_case(trimmed(std::string_view(line).substr(colon + 1), blanks)) == "100-continue";
+}
+
 bool take_post_body(const HttpRequest& request, parsing_result& result) {
     result.query = request.elements[1];
+    bool in_head = true;
     for (const std::string& line : request.lines) {
         if (line.find("Content-Length:") != std::string::npos)
             result.content_length = content_length_of(line);
         if (line.find("Content-Type:") != std::string::npos) result.content_type = line.substr(13);
+        if (line.empty()) in_head = false;
+        if (in_head && asks_to_continue(line)) result.expect_continue = true;
     }
     if (result.content_length > max_body_length) {
         console_stamped("Request refused, body of " + std::to_string(result.content_length) +

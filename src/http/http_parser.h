@@ -8,8 +8,9 @@
 struct parsing_result {
     int content_length = 0;
     std::string content_type;
-    std::string query;    // target of an accepted POST; empty otherwise
-    std::string content;  // body bytes received so far
+    std::string query;             // target of an accepted POST; empty otherwise
+    std::string content;           // body bytes received so far
+    bool expect_continue = false;  // the head asked for "100 Continue" before the body
 };
 
 // One request as its first read holds it.

@@ -1,7 +1,6 @@
 // The HTTP server loop: loopback connections waited on together, their requests served one at a time.
 #include "http/http_server.h"
 
-#include <arpa/inet.h>
 #include <netinet/in.h>
 #include <poll.h>
 #include <sys/socket.h>
@@ -11,6 +10,7 @@
 #include <atomic>
 #include <cerrno>
 #include <cstdio>
+#include <cstring>
 #include <ctime>
 #include <memory>
 #include <sstream>
@@ -24,7 +24,9 @@
 #include "core/utils.h"
 #include "http/http_answer.h"
 #include "http/http_parser.h"
+#include "http/listen_socket.h"
 #include "http/post_api.h"
+#include "http/refused_clients.h"
 #include "http/socket_owner.h"
 #include "link/dev_port.h"
 
@@ -32,9 +34,6 @@ int TimeoutSelectForAccept = 15;
 int TimeoutSelectForRecv = 5;
 char readBuffer[16384];
 
-static const int first_port = 8080;
-static const int last_port = 8099;
-static const int listen_backlog = 256;
 // Connections open at once; one more makes room by closing the oldest silent one.
 static const size_t max_connections = 256;
 // The rest of a request body must arrive within this total time.
@@ -48,6 +47,12 @@ static const long long transfer_check_ms = 250;
 // are then taken in batches with their requests already there, instead of
 // each costing the loop a wake-up of its own.
 static const long long accept_grace_ms = 2;
+// Answer bytes held for clients that have not taken them, all connections
+// together; beyond, the connection holding the most is closed.
+static const size_t max_unsent_bytes = 64 * 1024 * 1024;
+
+static const char* const continue_answer = "HTTP/1.1 100 Continue\r\n\r\n";
+static const char* const incomplete_body_description = "Тело запроса получено не полностью";
 
 static std::atomic<int> bound_port{0};
 
@@ -69,10 +74,11 @@ struct Connection {
     Connection(int fd, long long now)
         : socket(fd), accepted_ms(now), deadline_ms(now + TimeoutSelectForRecv * 1000LL) {}
 
+    size_t unsent() const { return answering && sent < answer.size() ? answer.size() - sent : 0; }
+
     UniqueFd socket;
     long long accepted_ms;
     long long deadline_ms;
-    bool refused = false;    // its owner may not use the engine: answered 403
     bool answering = false;  // the request was served; its answer is on its way
     std::string answer;
     size_t sent = 0;
@@ -80,33 +86,17 @@ struct Connection {
 
 using Connections = std::vector<std::unique_ptr<Connection>>;
 
-// The loop's state: the listening socket, who may connect, the open connections.
+// The loop's state: the listening sockets, who may connect, the connections.
 struct Server {
-    int listener = -1;
-    sockaddr_in address{};  // where the engine listens
-    SocketOwner owners;     // not started: any local user may connect
+    std::vector<int> listeners;  // 127.0.0.1, and [::1] where there is IPv6
+    int port = 0;
+    SocketOwner owners;  // not started: any local user may connect
     std::vector<uid_t> allowed;
-    Connections open;         // oldest first
-    long long idle_from = 0;  // last new connection, or last moment a firmware transfer ran
+    RefusalLog refusal_log;
+    RefusedClients refused;
+    Connections open;         // the clients served, oldest first
+    long long idle_from = 0;  // last served connection, or last moment a firmware transfer ran
 };
-
-// Tries the ports from 8080 upwards; returns the bound port or 0 when all are taken.
-// Address reuse lets a restart take its port back from connections still in
-// TIME_WAIT; a port where another program listens still refuses the bind.
-int bind_first_free_port(int fd) {
-    int reuse = 1;
-    setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &reuse, sizeof reuse);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    for (int port = first_port;; ++port) {
-        console_line("bind port " + std::to_string(port) + "...");
-        address.sin_port = htons(static_cast<uint16_t>(port));
-        if (bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof(address)) == 0) return port;
-        perror("bind");
-        if (port == last_port) return 0;
-    }
-}
 
 // Starts the user's browser on our port. Only root can start it as the
 // invoking user, and only when that user is known: otherwise su would ask for
@@ -132,23 +122,18 @@ std::vector<uid_t> allowed_users() {
 void start_owner_check(Server& server) {
     server.allowed = allowed_users();
     std::string why;
-    if (!server.owners.start(server.listener, why))
+    if (!server.owners.start(server.listeners.front(), why))
         console_line("Owner check off (" + why + "): every local user may connect");
 }
 
-// False, after one console line, when the connection belongs to a local user
-// that may not use the engine, or to no user the kernel can name.
-bool owner_allowed(Server& server, const sockaddr_in& peer) {
+// False when the connection belongs to a local user that may not use the
+// engine, or to no user the kernel can name; `owner` tells which.
+bool owner_allowed(Server& server, const sockaddr_storage& peer, ClientOwner& owner) {
     if (!server.owners.started()) return true;
-    uid_t uid = 0;
-    if (!server.owners.owner(peer, server.address, uid)) {
-        console_stamped("Request refused, owner of the connection unknown");
-        return false;
-    }
-    for (uid_t allowed : server.allowed)
-        if (uid == allowed) return true;
-    console_stamped("Request refused, connection of local user " + std::to_string(uid));
-    return false;
+    sockaddr_storage own = loopback_address(peer.ss_family, server.port);
+    owner.known = server.owners.owner(peer, own, owner.uid);
+    if (!owner.known) return false;
+    return std::find(server.allowed.begin(), server.allowed.end(), owner.uid) != server.allowed.end();
 }
 
 // Reads what is left of a POST body: every segment that arrives within one
@@ -174,14 +159,25 @@ std::string read_rest_of_body(int fd, int missing) {
     return body;
 }
 
-void receive_rest_of_body(int fd, int missing, parsing_result& result) {
-    std::string body = read_rest_of_body(fd, missing);
+// Completes an accepted upload's body. False, after the console line, when
+// the body is not the declared length (it was cut, or ran out of time): the
+// upload is then dropped whole, never processed in part.
+bool receive_rest_of_body(int fd, int missing, parsing_result& result) {
+    std::string body;
+    if (missing > 0) {
+        // A client that asked first (curl does for large bodies) sends the body only when told to.
+        if (result.expect_continue) send(fd, continue_answer, strlen(continue_answer), MSG_NOSIGNAL);
+        body = read_rest_of_body(fd, missing);
+    }
     if (body.size() + result.content.size() != static_cast<size_t>(result.content_length)) {
         console_stamped("Error size query body");
-        return;
+        result = parsing_result();
+        return false;
     }
+    if (body.empty()) return true;
     fill_content(result, body.data(), static_cast<int>(body.size()), 0);
     if (debug_mode && dm_h2) console_raw(time_stamp() + " <<<JSON_IN     " + body + "\n\n\n");
+    return true;
 }
 
 enum WriteResult { WRITE_DONE, WRITE_MORE, WRITE_FAILED };
@@ -199,21 +195,32 @@ WriteResult write_some(Connection& connection) {
     return WRITE_DONE;
 }
 
+// Closes a connection now; the loop forgets it at its next turn.
+void close_connection(Connection& connection) {
+    connection.socket.reset();
+    std::string().swap(connection.answer);
+    connection.sent = 0;
+}
+
 // A connection is done when its answer has gone out, or failed to.
 void finish_write(Connection& connection, WriteResult result) {
     if (result == WRITE_MORE) return;
     if (result == WRITE_FAILED) console_line("send failed");
-    connection.socket.reset();
+    close_connection(connection);
 }
 
-// The answer to the request just read: 403 for a refused owner, else what the
-// parser wrote (after the rest of a POST body, if one is on its way).
+// The answer to the request just read: what the parser wrote, after the rest
+// of a POST body if one is on its way; an error if that body did not come whole.
 std::string answer_request(Connection& connection, int got, parsing_result& result) {
-    if (connection.refused) return answer_forbidden;
     std::stringstream answer;
     int missing = parse(readBuffer, got, answer, result);
-    if (missing > 0) receive_rest_of_body(connection.socket.get(), missing, result);
-    return answer.str();
+    if (result.query.empty()) return answer.str();
+    if (receive_rest_of_body(connection.socket.get(), missing, result)) return answer.str();
+    std::string description;
+    set_error_and_descr(description, incomplete_body_description);
+    std::stringstream refusal;
+    set_response_json(refusal, description);
+    return refusal.str();
 }
 
 // Serves the connection whose first bytes have arrived: one read, the answer
@@ -237,6 +244,21 @@ void serve_request(Connection& connection) {
     if (!result.query.empty()) parse_post_query(result);
 }
 
+// Keeps the answers waiting for clients that do not read them within
+// max_unsent_bytes together, closing the connections that hold the most.
+void bound_unsent_answers(Connections& open) {
+    size_t total = 0;
+    for (const auto& connection : open) total += connection->unsent();
+    while (total > max_unsent_bytes) {
+        auto largest = std::max_element(
+            open.begin(), open.end(), [](const auto& a, const auto& b) { return a->unsent() < b->unsent(); });
+        total -= (*largest)->unsent();
+        console_stamped("Answer dropped, unsent answers over the limit of " +
+                        std::to_string(max_unsent_bytes) + " bytes");
+        close_connection(**largest);
+    }
+}
+
 bool has_silent(const Connections& open) {
     for (const auto& connection : open)
         if (!connection->answering) return true;
@@ -253,16 +275,24 @@ bool close_oldest_silent(Connections& open) {
     return false;
 }
 
-// Takes new connections from the backlog, and serves at once each whose
+// A connection of a user the engine does not serve: answered 403 at once and
+// kept apart; its console line as the refusal log decides.
+void refuse(Server& server, int fd, const ClientOwner& owner, long long now) {
+    std::string line = server.refusal_log.note(owner, now);
+    if (!line.empty()) console_stamped(line);
+    server.refused.add(fd, now);
+}
+
+// Takes new connections from one listener, and serves at once each whose
 // request is already there. False when accept failed for a reason that ends
 // the server.
-bool accept_connections(Server& server) {
+bool accept_connections(Server& server, int listener) {
     for (size_t taken = 0; taken < max_connections && !is_exit; ++taken) {
         if (server.open.size() >= max_connections && !has_silent(server.open)) return true;
-        sockaddr_in peer{};
+        sockaddr_storage peer{};
         socklen_t peer_len = sizeof peer;
-        int fd = accept4(server.listener, reinterpret_cast<sockaddr*>(&peer), &peer_len,
-                         SOCK_CLOEXEC | SOCK_NONBLOCK);
+        int fd =
+            accept4(listener, reinterpret_cast<sockaddr*>(&peer), &peer_len, SOCK_CLOEXEC | SOCK_NONBLOCK);
         if (fd < 0) {
             if (errno == EAGAIN || errno == EWOULDBLOCK) return true;
             // A client that gave up while waiting in the backlog is no reason to stop.
@@ -270,13 +300,18 @@ bool accept_connections(Server& server) {
             perror("accept");
             return false;
         }
-        if (server.open.size() >= max_connections) close_oldest_silent(server.open);
         long long now = monotonic_ms();
+        ClientOwner owner;
+        if (!owner_allowed(server, peer, owner)) {
+            refuse(server, fd, owner, now);
+            continue;
+        }
+        if (server.open.size() >= max_connections) close_oldest_silent(server.open);
         server.idle_from = now;
         auto connection = std::make_unique<Connection>(fd, now);
-        connection->refused = !owner_allowed(server, peer);
         serve_request(*connection);
         server.open.push_back(std::move(connection));
+        bound_unsent_answers(server.open);
     }
     return true;
 }
@@ -326,14 +361,30 @@ int next_wait_ms(const Server& server, long long now, bool stopping, long long g
     if (!stopping && server.open.empty()) until = server.idle_from + TimeoutSelectForAccept * 1000LL + 1;
     if (!stopping && transfer_running()) until = std::min(until, now + transfer_check_ms);
     if (!stopping && grace != 0) until = std::min(until, grace);
+    if (long long refused = server.refused.next_deadline(); refused != 0) until = std::min(until, refused);
     for (const auto& connection : server.open) until = std::min(until, connection->deadline_ms);
     long long wait = until - now;
     return static_cast<int>(std::clamp(wait, 0LL, 60000LL));
 }
 
+// Serves the connections that poll found ready, in the order they arrived.
+void serve_ready(Server& server, const std::vector<pollfd>& waits, size_t first,
+                 const std::vector<Connection*>& waited) {
+    for (size_t i = 0; i < waited.size(); ++i) {
+        Connection& connection = *waited[i];
+        if (waits[first + i].revents == 0 || !connection.socket.valid()) continue;
+        if (connection.answering) {
+            finish_write(connection, write_some(connection));
+        } else if (!is_exit) {
+            serve_request(connection);
+            bound_unsent_answers(server.open);
+        }
+    }
+}
+
 // Serves until is_exit (then finishes the answers on their way), a silent
 // spell of TimeoutSelectForAccept seconds with no firmware transfer running,
-// or a socket failure.
+// or a socket failure. Refused connections never keep the engine running.
 void serve(Server& server) {
     std::vector<pollfd> waits;
     std::vector<Connection*> waited;
@@ -356,68 +407,55 @@ void serve(Server& server) {
         long long grace = grace_end(server.open, now);
         bool listening =
             !stopping && grace == 0 && (server.open.size() < max_connections || has_silent(server.open));
-        if (listening) waits.push_back({server.listener, POLLIN, 0});
+        if (listening)
+            for (int listener : server.listeners) waits.push_back({listener, POLLIN, 0});
+        size_t first = waits.size();
         for (const auto& connection : server.open) {
             short events = connection->answering ? POLLOUT : POLLIN;
             waits.push_back({connection->socket.get(), events, 0});
             waited.push_back(connection.get());
         }
+        server.refused.watch(waits);
         int ready = poll(waits.data(), waits.size(), next_wait_ms(server, now, stopping, grace));
         if (ready < 0 && errno == EINTR) continue;
         if (ready < 0) {
             perror("poll");
             break;
         }
-        if (ready == 0) continue;
-
         // Requests in the order their connections arrived, then new connections.
-        size_t first = listening ? 1 : 0;
-        for (size_t i = 0; i < waited.size(); ++i) {
-            Connection& connection = *waited[i];
-            if (waits[first + i].revents == 0 || !connection.socket.valid()) continue;
-            if (connection.answering)
-                finish_write(connection, write_some(connection));
-            else if (!is_exit)
-                serve_request(connection);
+        serve_ready(server, waits, first, waited);
+        bool failed = false;
+        for (size_t i = 0; listening && i < server.listeners.size() && !failed; ++i) {
+            if ((waits[i].revents & POLLIN) && !is_exit) failed = !accept_connections(server, waits[i].fd);
         }
-        if (listening && (waits[0].revents & POLLIN) && !is_exit && !accept_connections(server)) break;
+        server.refused.after_poll(waits, monotonic_ms());
+        if (failed) break;
     }
     is_exit = true;
     server.open.clear();
+    server.refused.clear();
 }
 
 }  // namespace
 
 int http_server() {
     bound_port = 0;
-    // Close-on-exec keeps the browser and other shell children from inheriting
-    // the listening socket and holding the port after the engine has ended.
-    UniqueFd listener(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
-    if (!listener.valid()) {
-        perror("socket");
+    bool with_ipv6 = ipv6_loopback_available();
+    if (!with_ipv6) console_line("No IPv6 loopback: the engine listens on 127.0.0.1 only");
+    Listeners listeners;
+    if (!open_listeners(listeners, with_ipv6)) {
         is_exit = true;
         return 1;
     }
-    int port = bind_first_free_port(listener.get());
-    if (port == 0) {
-        is_exit = true;
-        return 1;
-    }
-    launch_browser(port);
-    if (listen(listener.get(), listen_backlog) != 0) {
-        perror("listen");
-        is_exit = true;
-        return 1;
-    }
+    launch_browser(listeners.port);
     Server server;
-    server.listener = listener.get();
-    server.address.sin_family = AF_INET;
-    server.address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    server.address.sin_port = htons(static_cast<uint16_t>(port));
+    server.port = listeners.port;
+    server.listeners.push_back(listeners.v4.get());
+    if (listeners.v6.valid()) server.listeners.push_back(listeners.v6.get());
     start_owner_check(server);
-    bound_port = port;
+    bound_port = listeners.port;
     serve(server);
-    listener.reset();
+    listeners = Listeners();
     bound_port = 0;
     console_line("close listen socket");
     return 0;

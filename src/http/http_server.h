@@ -8,8 +8,8 @@ extern int TimeoutSelectForRecv;    // seconds a connection has for the first by
 // browser's head with cookies of other local sites fits.
 extern char readBuffer[16384];
 
-// Listens on 127.0.0.1, the first free port from 8080 to 8099, starts the
-// browser and serves until is_exit. 1 when the socket could not be set up,
+// Listens on 127.0.0.1 and [::1], the first port from 8080 to 8099 free on
+// both, starts the browser and serves until is_exit. 1 when the socket could not be set up,
 // 0 after a normal end. is_exit is true on every return.
 int http_server();
 

@@ -24,6 +24,19 @@ struct DiagRequest {
     inet_diag_req_v2 body;
 };
 
+// Writes the port and address of an IPv4 or IPv6 end into a socket id.
+void put_end(const sockaddr_storage& end, __be16& port, __be32 (&address)[4]) {
+    if (end.ss_family == AF_INET6) {
+        const auto& six = reinterpret_cast<const sockaddr_in6&>(end);
+        port = six.sin6_port;
+        std::memcpy(address, &six.sin6_addr, sizeof six.sin6_addr);
+        return;
+    }
+    const auto& four = reinterpret_cast<const sockaddr_in&>(end);
+    port = four.sin_port;
+    address[0] = four.sin_addr.s_addr;
+}
+
 }  // namespace
 
 SocketOwner::~SocketOwner() {
@@ -36,11 +49,10 @@ bool SocketOwner::start(int listener, std::string& why) {
         why = std::string("socket diagnostics: ") + strerror(errno);
         return false;
     }
-    sockaddr_in own{};
+    sockaddr_storage own{};
     socklen_t own_len = sizeof own;
     struct stat about {};
-    sockaddr_in anywhere{};
-    anywhere.sin_family = AF_INET;
+    sockaddr_storage anywhere{};
     uid_t uid = 0;
     uint32_t inode = 0;
     // A listening socket has no remote end: the lookup finds it from its local one.
@@ -55,24 +67,23 @@ bool SocketOwner::start(int listener, std::string& why) {
     return true;
 }
 
-bool SocketOwner::owner(const sockaddr_in& client, const sockaddr_in& server, uid_t& uid) {
+bool SocketOwner::owner(const sockaddr_storage& client, const sockaddr_storage& server, uid_t& uid) {
     uint32_t inode = 0;
     return started() && lookup(client, server, uid, inode) && inode != 0;
 }
 
-bool SocketOwner::lookup(const sockaddr_in& local, const sockaddr_in& remote, uid_t& uid, uint32_t& inode) {
+bool SocketOwner::lookup(const sockaddr_storage& local, const sockaddr_storage& remote, uid_t& uid,
+                         uint32_t& inode) {
     DiagRequest request{};
     request.header.nlmsg_len = sizeof request;
     request.header.nlmsg_type = SOCK_DIAG_BY_FAMILY;
     request.header.nlmsg_flags = NLM_F_REQUEST;  // one socket, not a dump
     request.header.nlmsg_seq = ++sequence_;
-    request.body.sdiag_family = AF_INET;
+    request.body.sdiag_family = static_cast<uint8_t>(local.ss_family);
     request.body.sdiag_protocol = IPPROTO_TCP;
     request.body.idiag_states = ~0u;
-    request.body.id.idiag_sport = local.sin_port;
-    request.body.id.idiag_dport = remote.sin_port;
-    request.body.id.idiag_src[0] = local.sin_addr.s_addr;
-    request.body.id.idiag_dst[0] = remote.sin_addr.s_addr;
+    put_end(local, request.body.id.idiag_sport, request.body.id.idiag_src);
+    put_end(remote, request.body.id.idiag_dport, request.body.id.idiag_dst);
     request.body.id.idiag_cookie[0] = INET_DIAG_NOCOOKIE;
     request.body.id.idiag_cookie[1] = INET_DIAG_NOCOOKIE;
     sockaddr_nl kernel{};

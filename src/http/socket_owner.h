@@ -3,6 +3,7 @@
 #pragma once
 
 #include <netinet/in.h>
+#include <sys/socket.h>
 #include <sys/types.h>
 
 #include <cstdint>
@@ -21,15 +22,16 @@ public:
     bool start(int listener, std::string& why);
     bool started() const { return fd_ >= 0; }
 
-    // The user owning the socket at `client` that is connected to `server`.
-    // False when the kernel does not know it, or knows it only as a closed
-    // connection (TIME_WAIT entries carry inode 0 and no real owner).
-    bool owner(const sockaddr_in& client, const sockaddr_in& server, uid_t& uid);
+    // The user owning the socket at `client` that is connected to `server`
+    // (both IPv4 or both IPv6). False when the kernel does not know it, or
+    // knows it only as a closed connection (TIME_WAIT entries carry inode 0
+    // and no real owner).
+    bool owner(const sockaddr_storage& client, const sockaddr_storage& server, uid_t& uid);
 
 private:
     // The owner and inode of the TCP socket whose local end is `local` and
     // remote end `remote`.
-    bool lookup(const sockaddr_in& local, const sockaddr_in& remote, uid_t& uid, uint32_t& inode);
+    bool lookup(const sockaddr_storage& local, const sockaddr_storage& remote, uid_t& uid, uint32_t& inode);
 
     int fd_ = -1;
     uint32_t sequence_ = 0;

@@ -4,6 +4,7 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <sys/stat.h>
+#include <sys/sysmacros.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -91,11 +92,28 @@ static void prepare_line(const std::string& path) {
     usleep(STTY_SETTLE_US);
 }
 
-// The engine runs as root: the port must be a terminal device of root or of
-// the invoking user. "stty raw" on another user's terminal would take it over,
-// and writing frames into a regular file would append to it.
+bool is_panel_device_number(dev_t device) {
+    const unsigned kind = major(device);
+    return kind == 188 || kind == 166 || (kind >= 136 && kind <= 143);
+}
+
+// The terminal the engine itself runs on: "stty raw" on it would take over
+// the installer's own console.
+static bool is_engine_terminal(dev_t device) {
+    for (int fd : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
+        struct stat own {};
+        if (fstat(fd, &own) == 0 && S_ISCHR(own.st_mode) && own.st_rdev == device) return true;
+    }
+    return false;
+}
+
+// The engine runs as root: the port must be a device a panel can be, of root
+// or of the invoking user. "stty raw" on another user's terminal would take it
+// over, frames written to /dev/tty or a console would land on a screen, and
+// into a regular file they would append to it.
 static bool is_our_terminal_node(const struct stat& node) {
-    return S_ISCHR(node.st_mode) && (node.st_uid == 0 || node.st_uid == invoking_uid());
+    return S_ISCHR(node.st_mode) && (node.st_uid == 0 || node.st_uid == invoking_uid()) &&
+           is_panel_device_number(node.st_rdev) && !is_engine_terminal(node.st_rdev);
 }
 
 // The path (links followed) names a terminal we may use; `node` describes it.
@@ -290,4 +308,3 @@ void SetReadCount() {
 uint64_t GetReadCount() {
     return monotonic_ms() - no_read_ms;
 }
-

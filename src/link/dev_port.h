@@ -2,6 +2,7 @@
 #pragma once
 
 #include <pthread.h>
+#include <sys/types.h>
 
 #include <atomic>
 #include <cstddef>
@@ -16,6 +17,11 @@ extern uint64_t bytesRead;
 // Monotonic time in ms of the last SetReadCount; open_dev (HTTP thread) and
 // read_step (device thread) both set it.
 extern std::atomic<uint64_t> no_read_ms;
+
+// True for the character devices a panel can be: a USB serial device (major
+// 188, ttyUSB; 166, ttyACM) or a pseudo-terminal slave (136 to 143, for the
+// panel simulator and tests).
+bool is_panel_device_number(dev_t device);
 
 int dev_init();
 int dev_destroy();

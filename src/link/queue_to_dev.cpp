@@ -33,6 +33,7 @@ Queue::~Queue() {
 }
 
 void Queue::push(std::vector<char> frame, bool command, bool ends_link) {
+    bytes += frame.size();
     packets.push_back({std::move(frame), command, ends_link});
     ++count;
     if (command) ++commands;
@@ -53,6 +54,21 @@ bool Queue::command_to_dev(const std::vector<char>& frame, bool ends_link) {
 bool Queue::command_room() {
     MutexLock lock(mutex);
     return commands < QUEUE_COMMAND_LIMIT;
+}
+
+void Queue::frames_to_dev(std::vector<std::vector<char>>& frames) {
+    MutexLock lock(mutex);
+    for (std::vector<char>& frame : frames) push(std::move(frame), false);
+}
+
+bool Queue::write_frames_waiting() {
+    MutexLock lock(mutex);
+    return count > commands;
+}
+
+size_t Queue::queued_bytes() {
+    MutexLock lock(mutex);
+    return bytes;
 }
 
 void Queue::cmd_to_dev(char* data, size_t len) {
@@ -88,6 +104,7 @@ bool Queue::pop() {
     MutexLock lock(mutex);
     if (!packets.empty()) {
         if (packets.front().command) --commands;
+        bytes -= packets.front().frame.size();
         packets.pop_front();
         --count;
     }
@@ -109,6 +126,7 @@ void Queue::clear() {
     packets.clear();
     count = 0;
     commands = 0;
+    bytes = 0;
 }
 
 void build_pass_key(const std::string& password, uint8_t key[32]) {
@@ -169,6 +187,7 @@ void BBQueue::clear() {
     packets.clear();
     count = 0;
     commands = 0;
+    bytes = 0;
     num_try = 0;
     start_flag = false;
 }

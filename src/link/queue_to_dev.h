@@ -13,6 +13,9 @@
 // Frames of single commands that may wait for the panel at once. A
 // configuration write is not counted: its packets are queued whole.
 inline constexpr size_t QUEUE_COMMAND_LIMIT = 256;
+// Bytes of all frames waiting in both queues together at most: a write that
+// would pass it is refused whole.
+inline constexpr size_t QUEUE_BYTES_LIMIT = 64 * 1024 * 1024;
 
 class Queue {
 public:
@@ -30,6 +33,13 @@ public:
     bool command_to_dev(const std::vector<char>& frame, bool ends_link = false);
     // True while one more command frame may be queued.
     bool command_room();
+    // Queues the frames of one configuration write, in order, at once.
+    void frames_to_dev(std::vector<std::vector<char>>& frames);
+    // True while a frame that is not a single command (a configuration
+    // write's, its end command included) waits to be written.
+    bool write_frames_waiting();
+    // Bytes of all frames waiting.
+    size_t queued_bytes();
     // Head frame without removing it; null and len 0 when empty. The pointer
     // stays valid until pop or clear.
     char* get(size_t& len);
@@ -61,6 +71,7 @@ protected:
     std::list<Queued> packets;
     uint64_t count = 0;
     size_t commands = 0;  // elements of packets with `command` set
+    size_t bytes = 0;     // of all frames in packets
     pthread_mutex_t mutex;
 };
 

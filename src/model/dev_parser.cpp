@@ -36,6 +36,8 @@ void DevParser::clear() {
         MutexLock lock(http_mutex);
         status_dev.reset(ports);
         cfg.clear();
+        cfg_text_bytes = 0;
+        cfg_full_reported = false;
         cfg_keys.clear();
         cfg_send.clear();
         cfg_td.clear();

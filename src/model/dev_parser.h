@@ -72,6 +72,7 @@ public:
     std::map<int, Lm> lm;
     std::string ident, date, time;
     std::string temp_server_ip, temp_server_port;
+    bool lists_full_reported = false;  // this link's panel overfilled a list
 
     // Back to the state of a fresh connection; refills `com` from the ports
     // present. The caller holds http_mutex (DevParser::clear does).
@@ -162,6 +163,11 @@ public:
     std::string cfg_td, cfg_sv, cfg_cs1;
     int cfg_total = 0;  // lines announced by "bc"
     int cfg_count = 0;  // lines decoded (or sent) so far
+    // Text held by the settings put_setting stored; beyond the limit further
+    // settings are refused (one console line per transfer) until the image
+    // is emptied or replaced.
+    size_t cfg_text_bytes = 0;
+    bool cfg_full_reported = false;
     // The update flag the browser sees is status_dev.update ("true"/"false").
 
     // Panel lines in (device thread): parse_cfg takes http_mutex; parse_cfg_str
@@ -190,8 +196,10 @@ public:
     void json_to_cfg(std::string& json);
     void file_to_cfg(std::string& text);
     void cfg_to_file(std::string& out);
-    // Queues cfg_send as configuration frames and the end command, then empties it.
-    void cfg_to_dev();
+    // Queues cfg_send as configuration frames and the end command, then
+    // empties it. False, with nothing queued or taken, when the frames would
+    // take the queues past QUEUE_BYTES_LIMIT.
+    bool cfg_to_dev();
     // Rebuilds "td" from "vc" (returns 1) or from the configuration's shape
     // (returns 0). Takes no lock: file_to_cfg calls it with http_mutex held.
     int reconstruct_td();
@@ -223,8 +231,13 @@ public:
 
 private:
     // Stores one setting in cfg; false (nothing stored) when the configuration
-    // already holds its maximum of settings and the key is new.
+    // already holds its maximum of settings and the key is new, or the setting
+    // would take its text over the maximum.
     bool put_setting(const std::string& key, const std::string& value);
+    // Prints `line` once per transfer that met the configuration's limits.
+    void report_cfg_full(const char* line);
+    // Expands a range line "<name><first>:<last>-<value>" (key already lower case).
+    void put_range(const std::string& key, size_t colon, const std::string& value);
     void on_receipt(const std::vector<unsigned char>& pkt);
     void on_plain_receipt();
     void on_binary_block(const std::vector<unsigned char>& pkt);

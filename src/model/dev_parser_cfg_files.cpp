@@ -23,11 +23,6 @@ bool contains(const std::string& text, const char* part) {
     return text.find(part) != std::string::npos;
 }
 
-void queue_text_frame(const std::string& text) {
-    std::vector<char> frame;
-    if (form_pk7_packet_txt('F', text.data(), text.size(), frame) == 1) queue.to_dev(frame);
-}
-
 // The lines key-value CR LF of the settings, packed into frame texts of whole
 // lines: a frame closes once it holds kFrameFill bytes, or earlier when the
 // next line would not fit in it. A line that cannot travel in a text frame at
@@ -109,6 +104,8 @@ std::string printable(const std::string& text) {
 void DevParser::file_to_cfg(std::string& text) {
     MutexLock lock(http_mutex);
     cfg.clear();
+    cfg_text_bytes = 0;
+    cfg_full_reported = false;
     cfg_send.clear();
 
     bool td_seen = false;
@@ -127,7 +124,10 @@ void DevParser::file_to_cfg(std::string& text) {
         const std::string key = to_lower(whole.substr(0, minus));
         std::string value = whole.substr(minus + 1);
         erase_line_ends(value);
-        if (!put_setting(key, value)) return;
+        if (!put_setting(key, value)) {
+            report_cfg_full("file to cfg: the configuration is full, further settings refused");
+            return;
+        }
         cfg_send[key] = value;
         if (key == "td") td_seen = true;
     };
@@ -178,16 +178,34 @@ void DevParser::cfg_to_file(std::string& out) {
     }
 }
 
-void DevParser::cfg_to_dev() {
+bool DevParser::cfg_to_dev() {
     std::map<std::string, std::string> settings;
     {
         MutexLock lock(http_mutex);
         settings.swap(cfg_send);
     }
-    if (settings.empty()) return;
+    if (settings.empty()) return true;
+    std::vector<std::vector<char>> frames;
+    size_t bytes = 0;
+    for (const std::string& text : pack_setting_lines(settings)) {
+        std::vector<char> frame;
+        if (form_pk7_packet_txt('F', text.data(), text.size(), frame) != 1) continue;
+        bytes += frame.size();
+        frames.push_back(std::move(frame));
+    }
+    frames.emplace_back(cmd_ec, cmd_ec + cmd_ec_len);
+    bytes += cmd_ec_len;
     // Frames are queued without http_mutex: no path holds two locks at once.
-    for (const std::string& text : pack_setting_lines(settings)) queue_text_frame(text);
-    queue.cmd_to_dev(cmd_ec, cmd_ec_len);
+    if (queue.queued_bytes() + bbqueue.queued_bytes() + bytes > QUEUE_BYTES_LIMIT) {
+        console_stamped("cfg to dev: refused, the frames waiting for the panel would pass " +
+                        std::to_string(QUEUE_BYTES_LIMIT) + " bytes");
+        MutexLock lock(http_mutex);
+        // Edits made meanwhile are newer: they stay.
+        cfg_send.merge(settings);
+        return false;
+    }
+    queue.frames_to_dev(frames);
+    return true;
 }
 
 int DevParser::reconstruct_td() {

@@ -1,5 +1,6 @@
 // Configuration lines from the panel: cutting replies into lines, decoding each
 // line into the configuration map, and the progress of a configuration read.
+#include <cerrno>
 #include <climits>
 #include <cstdlib>
 
@@ -11,11 +12,22 @@
 
 namespace {
 
-// The panel's own configuration holds a few thousand settings; the cap keeps a
+// The panel's own configuration holds a few thousand settings; the caps keep a
 // misbehaving panel (or file) from filling the memory of the engine.
 constexpr size_t kMaxSettings = 65536;
+constexpr size_t kMaxCfgText = 16 * 1024 * 1024;
 // A range line names at most this many settings: indices have three digits.
 constexpr long kMaxRangeSpan = 1000;
+// No range bound beyond this: a range can never name more keys than the image holds.
+constexpr long kMaxRangeIndex = static_cast<long>(kMaxSettings);
+
+// Reads a range bound: false when the number is beyond kMaxRangeIndex
+// (overflowing text included). No digits read as 0.
+bool read_range_bound(const char* text, long& out) {
+    errno = 0;
+    out = strtol(text, nullptr, 10);
+    return errno != ERANGE && out >= 0 && out <= kMaxRangeIndex;
+}
 
 bool is_digit(char c) {
     return c >= '0' && c <= '9';
@@ -26,13 +38,51 @@ bool is_digit(char c) {
 bool DevParser::put_setting(const std::string& key, const std::string& value) {
     std::string map_key = sort_fit(key);
     auto at = cfg.lower_bound(map_key);
-    if (at != cfg.end() && at->first == map_key) {
+    const bool exists = at != cfg.end() && at->first == map_key;
+    if (!exists && cfg.size() >= kMaxSettings) return false;
+    // Entries written directly (td, sv and the like) were never counted: the
+    // count never goes below zero for them.
+    const size_t old_size =
+        exists ? at->first.size() + at->second.first.size() + at->second.second.size() : 0;
+    const size_t kept = cfg_text_bytes >= old_size ? cfg_text_bytes - old_size : 0;
+    const size_t new_size = map_key.size() + key.size() + value.size();
+    if (kept + new_size > kMaxCfgText) return false;
+    cfg_text_bytes = kept + new_size;
+    if (exists) {
         at->second = std::make_pair(key, value);
         return true;
     }
-    if (cfg.size() >= kMaxSettings) return false;
     cfg.emplace_hint(at, std::move(map_key), std::make_pair(key, value));
     return true;
+}
+
+void DevParser::report_cfg_full(const char* line) {
+    if (cfg_full_reported) return;
+    cfg_full_reported = true;
+    console_stamped(line);
+}
+
+void DevParser::put_range(const std::string& key, size_t colon, const std::string& value) {
+    const size_t digit = key.find_first_of("0123456789");
+    if (digit == std::string::npos) return;
+    long first = 0, last = 0;
+    const bool bounded =
+        read_range_bound(key.c_str() + digit, first) && read_range_bound(key.c_str() + colon + 1, last);
+    if (bounded && last < first) return;
+    if (!bounded || last - first >= kMaxRangeSpan) {
+        console_stamped("parse cfg: range " + printable(key) +
+                        " not expanded: beyond the limits of the image");
+        return;
+    }
+    const std::string name = key.substr(0, digit);
+    for (long index = first; index <= last; ++index) {
+        const std::string each = name + std::to_string(index);
+        if (!put_setting(each, value)) {
+            report_cfg_full("parse cfg: the configuration is full, further settings refused");
+            return;
+        }
+        if (cfg_keys.size() < kMaxSettings) cfg_keys.insert(each);
+    }
 }
 
 std::string DevParser::sort_fit(const std::string& key) {
@@ -105,22 +155,13 @@ void DevParser::parse_cfg_str(std::string& line) {
         erase_line_ends(value);
         const size_t colon = key.find(':');
         if (colon == std::string::npos || colon + 1 == key.size()) {
-            if (put_setting(key, value) && cfg_keys.size() < kMaxSettings) cfg_keys.insert(key);
+            if (!put_setting(key, value))
+                report_cfg_full("parse cfg: the configuration is full, further settings refused");
+            else if (cfg_keys.size() < kMaxSettings)
+                cfg_keys.insert(key);
             if (key == "cs1") cfg_cs1 = value;
         } else {
-            // A range "<name><first>:<last>": every key from first to last gets the value.
-            const size_t digit = key.find_first_of("0123456789");
-            if (digit != std::string::npos) {
-                const long first = strtol(key.c_str() + digit, nullptr, 10);
-                const long last = strtol(key.c_str() + colon + 1, nullptr, 10);
-                const std::string name = key.substr(0, digit);
-                if (last >= first && last - first < kMaxRangeSpan) {
-                    for (long index = first; index <= last; ++index) {
-                        const std::string each = name + std::to_string(index);
-                        if (put_setting(each, value) && cfg_keys.size() < kMaxSettings) cfg_keys.insert(each);
-                    }
-                }
-            }
+            put_range(key, colon, value);
         }
     }
     if (cfg_count < INT_MAX) ++cfg_count;

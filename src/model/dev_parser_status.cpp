@@ -4,6 +4,7 @@
 #include <cstdlib>
 #include <ctime>
 
+#include "core/debug.h"
 #include "core/engine.h"
 #include "core/mutex_lock.h"
 #include "core/utils.h"
@@ -81,6 +82,27 @@ void append_map_entries(std::string& out, const std::map<int, std::string>& entr
     }
 }
 
+// Each telemetry list (partitions, outputs, zones, extenders) holds at most
+// this many entries: a panel naming ever new numbers cannot grow the status
+// record, or its answer, without bound.
+constexpr size_t kMaxListEntries = 256;
+
+// The entry of `key`, made when there is room; null (one console line per
+// link) when the list is full and the key is new.
+template <typename Value>
+Value* list_entry(std::map<int, Value>& list, int key, bool& full_reported) {
+    auto at = list.find(key);
+    if (at != list.end()) return &at->second;
+    if (list.size() >= kMaxListEntries) {
+        if (!full_reported)
+            console_stamped("telemetry: a list holds " + std::to_string(kMaxListEntries) +
+                            " entries, further numbers ignored");
+        full_reported = true;
+        return nullptr;
+    }
+    return &list.emplace(key, Value{}).first->second;
+}
+
 // Moves a non-empty slot into its status field and empties the slot.
 void move_if_set(std::string& slot, std::string& field) {
     if (slot.empty()) return;
@@ -122,6 +144,7 @@ void StatusDevice::reset(const std::string& ports) {
     time.clear();
     temp_server_ip.clear();
     temp_server_port.clear();
+    lists_full_reported = false;
 }
 
 void StatusDevice::clear() {
@@ -254,11 +277,12 @@ void DevParser::tmt_to_status_dev() {
     move_if_set(tmt.power_value, s.power_value);
     move_if_set(tmt.power_ext, s.power_ext);
 
+    bool& full = s.lists_full_reported;
     for (const auto& [key, value] : tmt.tamper_list) {
         if (key == "0")
             s.tamper = tamper_text(value);
-        else
-            s.ext[number_key(key)].T = tamper_text(value);
+        else if (StatusDevice::Ext* ext = list_entry(s.ext, number_key(key), full))
+            ext->T = tamper_text(value);
     }
     tmt.tamper_list.clear();
 
@@ -269,27 +293,34 @@ void DevParser::tmt_to_status_dev() {
     move_if_set(tmt.balance, s.balance);
     move_if_set(tmt.learnkey, s.learnkey);
 
-    for (const auto& [key, value] : tmt.part_list)
-        if (!key.empty() && !value.empty()) s.part[number_key(key)] = value;
+    for (const auto& [key, value] : tmt.part_list) {
+        if (key.empty() || value.empty()) continue;
+        if (std::string* part = list_entry(s.part, number_key(key), full)) *part = value;
+    }
     tmt.part_list.clear();
 
     if (!tmt.ext_list_one.empty()) {
         for (int i = 1; i <= 32; ++i) {
             const std::string n = std::to_string(i);
-            s.ext[i].S = list_contains(tmt.ext_list_two, n)   ? "2"
-                         : list_contains(tmt.ext_list_one, n) ? "1"
-                                                              : "0";
+            StatusDevice::Ext* ext = list_entry(s.ext, i, full);
+            if (ext == nullptr) continue;
+            ext->S = list_contains(tmt.ext_list_two, n)   ? "2"
+                     : list_contains(tmt.ext_list_one, n) ? "1"
+                                                          : "0";
         }
     }
     tmt.ext_list_one.clear();
     tmt.ext_list_two.clear();
 
-    for (const auto& [key, value] : tmt.ok_list) s.ok[number_key(key)] = value;
+    for (const auto& [key, value] : tmt.ok_list)
+        if (std::string* ok = list_entry(s.ok, number_key(key), full)) *ok = value;
     tmt.ok_list.clear();
-    for (const auto& [key, value] : tmt.lm_state_list) s.lm[number_key(key)].S = value;
+    for (const auto& [key, value] : tmt.lm_state_list)
+        if (StatusDevice::Lm* lm = list_entry(s.lm, number_key(key), full)) lm->S = value;
     tmt.lm_state_list.clear();
     for (const auto& [key, value] : tmt.lm_value_list)
-        s.lm[number_key(key)].R = format_to_str("%1.1f", strtol(value.c_str(), nullptr, 10) / 10.0);
+        if (StatusDevice::Lm* lm = list_entry(s.lm, number_key(key), full))
+            lm->R = format_to_str("%1.1f", strtol(value.c_str(), nullptr, 10) / 10.0);
     tmt.lm_value_list.clear();
 
     move_if_set(tmt.ident, s.ident);

@@ -2,6 +2,7 @@
 // panel: opening, framing of what arrives, stop-and-wait sending, block retries,
 // loss and the watchdog.
 #include <gtest/gtest.h>
+#include <sys/sysmacros.h>
 
 #include <string>
 #include <tuple>
@@ -203,3 +204,13 @@ TEST_F(Exchange, SilenceRestartsTwiceThenDropsTheLink) {
 }
 
 }  // namespace
+
+// A panel is a USB serial device (ttyUSB, ttyACM) or, for the simulator, a pseudo-terminal slave.
+TEST(PortKinds, OnlyDevicesAPanelCanBe) {
+    const std::tuple<unsigned, bool> majors[] = {
+        {188, true}, {166, true}, {136, true}, {143, true}, {135, false}, {144, false},
+        {4, false},  {5, false},  {1, false},  {0, false},  {189, false},
+    };
+    for (const auto& [major_number, allowed] : majors)
+        EXPECT_EQ(is_panel_device_number(makedev(major_number, 3)), allowed) << major_number;
+}

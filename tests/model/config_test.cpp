@@ -39,9 +39,13 @@ TEST_F(Config, PanelLinesFillTheMapAndCountProgress) {
          "@ Ключ SV не содержит значение\n@ Ключ hello не содержит значение\n"},
         // A CR without LF stays in the line, then leaves key and value; the last line needs no end.
         {4, "a\rb-c\rd", "ab=ab:cd;|ab,", "1 0 4 false  ", ""},
-        // Ranges: the first digit may follow the colon; reversed or over 1000 keys store nothing.
-        {3, "ab:5-1\r\nzn9:3-1\r\nxy:z-1\r\nzn0:1000-2\r\nzn1:2-3",
-         "ab:005=ab:5:1;zn001=zn1:3;zn002=zn2:3;|ab:5,zn1,zn2,", "5 0 3 true  ", ""},
+        // Ranges: the first digit may follow the colon; reversed ones store nothing, nor do ones over
+        // 1000 keys or with bounds beyond the image (which could never end), with a console line.
+        {3, "ab:5-1\r\nzn9:3-1\r\nxy:z-1\r\nzn0:1000-2\r\nzn1:2-3\r\nA9223372036854775807:9223372036854775807-1",
+         "ab:005=ab:5:1;zn001=zn1:3;zn002=zn2:3;|ab:5,zn1,zn2,", "6 0 3 true  ",
+         "@ parse cfg: range zn0:1000 not expanded: beyond the limits of the image\n"
+         "@ parse cfg: range a9223372036854775807:9223372036854775807 not expanded: beyond the limits of the "
+         "image\n"},
         {4, "bc-0\r\nSVMS02 v3\r\ncs1-12\r\nbc-x", "bc=bc:x;cs001=cs1:12;sv=sv:MS02 v3;|bc,cs1,sv,",
          "4 0 4 false MS02 v3 12", ""},
         {4, "bc-1\r\nzn1-1\r\nzn2-2", "bc=bc:1;zn001=zn1:1;zn002=zn2:2;|bc,zn1,zn2,", "3 300 4 false  ", ""},
