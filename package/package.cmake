@@ -26,9 +26,8 @@ configure_file(${VORCORE_PACKAGE_DIR}/vorcore-console.in ${VORCORE_STAGE_DIR}/vo
 configure_file(${VORCORE_PACKAGE_DIR}/postinst.in ${VORCORE_STAGE_DIR}/postinst @ONLY)
 configure_file(${VORCORE_PACKAGE_DIR}/postrm.in ${VORCORE_STAGE_DIR}/postrm @ONLY)
 
-# Every program installed for users has its manual page man/<program>.1. When
-# the link record's decoder pk7dump is built, it joins this list with man/pk7dump.1.
-set(VORCORE_USER_PROGRAMS vorcore vorpanel-sim)
+# Every program installed for users has its manual page man/<program>.1.
+set(VORCORE_USER_PROGRAMS vorcore vorpanel-sim pk7dump)
 set(VORCORE_MANUAL_PAGES ${VORCORE_USER_PROGRAMS} vorcore-console)
 
 # Manual pages and the Debian changelog are installed compressed, without a

@@ -49,7 +49,7 @@ export DEBIAN_FRONTEND=noninteractive
 installed() { dpkg-query -W -f='${Status}' vorcore 2>/dev/null | grep -q "install ok installed"; }
 expect "apt-get install ./$(basename "$deb")" installed
 dpkg -L vorcore | sort >"$work/files"
-for path in /usr/bin/vorcore /usr/bin/vorpanel-sim /usr/bin/vorcore-console /usr/share/vorcore/js/index.html \
+for path in /usr/bin/vorcore /usr/bin/vorpanel-sim /usr/bin/pk7dump /usr/bin/vorcore-console /usr/share/vorcore/js/index.html \
     /usr/share/vorcore/devs/MS02.ini /usr/share/vorcore/cipher-test.txt /usr/share/doc/vorcore/copyright \
     /usr/share/doc/vorcore/changelog.Debian.gz /usr/share/doc/vorcore/README.md \
     /usr/share/doc/vorcore/docs/api.md /usr/share/applications/vorcore.desktop; do
