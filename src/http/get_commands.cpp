@@ -17,6 +17,7 @@
 #include "http/static_files.h"
 #include "link/dev_port.h"
 #include "link/pk7.h"
+#include "model/history.h"
 #include "text/txt_to_utf8.h"
 
 namespace {
@@ -84,7 +85,7 @@ std::string cmd_load_model_file(const std::string& target) {
         json.put(DM_IN_SRC, ("cmd 1: no read file " + path).c_str(), nullptr);
         return json_error;
     }
-    parser.file_to_cfg(text);
+    load_config_text(text, SnapshotKind::model);
     parser.set_status_10();
     return json_ok;
 }
@@ -157,7 +158,7 @@ std::string cmd_open_cry_file(const std::string& target) {
             console_stamped("cmd 12: the CRY-file cannot be decrypted: no cipher table loaded");
         return json_error;
     }
-    parser.file_to_cfg(text);
+    load_config_text(text, SnapshotKind::file);
     parser.set_status_10();
     return json_ok;
 }
@@ -205,11 +206,8 @@ std::string cmd_restart(char* frame, size_t len) {
 }
 
 std::string cmd_write_config() {
-    if (dev_no_valid()) return json_error;
-    parser.set_status(5);
-    reset_counter(parser.cfg_count);
-    parser.set_ready_text(&StatusDevice::progress_cfg, "0");
-    parser.cfg_to_dev();
+    if (config_write_refused()) return json_error;
+    start_config_write();
     return json_ok;
 }
 
@@ -384,6 +382,17 @@ std::string run_json_command(int n, const std::string& target) {
 }
 
 }  // namespace
+
+bool config_write_refused() {
+    return dev_no_valid();
+}
+
+void start_config_write() {
+    parser.set_status(5);
+    reset_counter(parser.cfg_count);
+    parser.set_ready_text(&StatusDevice::progress_cfg, "0");
+    parser.cfg_to_dev();
+}
 
 void run_command(int n, const std::string& target, std::stringstream& answer) {
     if (n == 84) {
