@@ -5,6 +5,8 @@
 // takes keeps its answer.
 #include "http/added_queries.h"
 
-bool answer_added_query(const std::string& /*target*/, std::stringstream& /*answer*/) {
-    return false;
+#include "http/history_queries.h"
+
+bool answer_added_query(const std::string& target, std::stringstream& answer) {
+    return answer_history_query(target, answer);
 }

@@ -47,10 +47,16 @@ void set_response_json(std::stringstream& answer, const std::string& body) {
 }
 
 void set_response_cfg_file(std::stringstream& answer, const std::string& body) {
+    set_response_cfg_file(answer, body, "config.ini");
+}
+
+void set_response_cfg_file(std::stringstream& answer, const std::string& body, const std::string& file_name) {
     write_answer(answer,
                  "Content-Type: text/plain; charset=UTF-8\r\n"
-                 "Content-disposition: attachment; filename=config.ini\r\n"
-                 "Content-transfer-encoding: text\r\n",
+                 "Content-disposition: attachment; filename=" +
+                     file_name +
+                     "\r\n"
+                     "Content-transfer-encoding: text\r\n",
                  body);
 }
 

@@ -21,6 +21,9 @@ extern std::atomic<bool> send_re;
 // The frame awaiting its receipt is the access-password block: a plain
 // receipt means the panel accepted the password, "AN3" that it refused it.
 extern std::atomic<bool> pass_block_written;
+// The frame awaiting its receipt is the end command of a configuration write:
+// a plain receipt means the panel took the whole write.
+extern std::atomic<bool> config_end_written;
 
 // A panel frame's length field cannot state more than 999 bytes, so a frame
 // collected beyond this is answered "AN1" whatever follows; the reader keeps
