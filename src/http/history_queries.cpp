@@ -43,7 +43,8 @@ void answer_config(const std::string& name, std::stringstream& answer) {
 
 void answer_file(const std::string& name, std::stringstream& answer) {
     std::string bytes;
-    if (snapshot_bytes(name, bytes, answer)) set_response_cfg_file(answer, bytes, name);
+    // The head of the configuration file download, with the snapshot's name.
+    if (snapshot_bytes(name, bytes, answer)) set_response_events_file(answer, bytes, name);
 }
 
 // Only what differs goes out, as the file holds it; the image then shows what

@@ -16,8 +16,6 @@ void set_response_ico(std::stringstream& answer, const std::string& body);
 void set_response_svg(std::stringstream& answer, const std::string& body);
 void set_response_json(std::stringstream& answer, const std::string& body);
 void set_response_cfg_file(std::stringstream& answer, const std::string& body);
-// The same head with another file name, sent as it stands.
-void set_response_cfg_file(std::stringstream& answer, const std::string& body, const std::string& file_name);
 void set_response_events_file(std::stringstream& answer, const std::string& body,
                               const std::string& file_name);
 void set_error(std::stringstream& answer);
