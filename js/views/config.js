@@ -1,7 +1,9 @@
-// Configuration view: read and write the panel's settings, edit them in place, files, model templates and drives.
+// Configuration view: read and write the panel's settings, edit them in place, check writes, files, model templates, drives and history.
 import { t } from '../texts.js';
 import * as api from '../api.js';
-import { $, h, askPassword, fileBytes, follow, guarded, progressBar, setProgress, showError, showNote } from '../ui.js';
+import { FRAME_KEYS, settingsOf, writeMismatches } from '../compare.js';
+import { $, h, askPassword, confirmAction, fileBytes, follow, guarded, progressBar, setProgress, showError, showNote } from '../ui.js';
+import { historyPanel, refresh as refreshHistory } from './config_history.js';
 
 // Model files shipped in devs/ (any other name may be typed).
 const MODELS = ['MS02'];
@@ -11,6 +13,7 @@ let root;
 let rows = [];              // settings as shown: {key, values[]}
 const changed = new Map();  // key -> values[] edited here and not yet sent
 let pendingSend = false;    // a file or template was loaded: the engine holds settings to write
+let loadedSettings = null;  // key -> values[] of that load: what the next write sends
 let filterTimer = 0;
 
 // ---- Encoding rules of the configuration JSON
@@ -99,14 +102,22 @@ function linkFailure(s) {
 }
 
 async function readFromPanel(ctx) {
+  if (!(await keepUnwritten(t('cfg.read')))) return;
+  clearCheck();
   await panelJob(ctx, 32, 4, t('cfg.reading'));
   showNote(t('cfg.readDone', await loadTable()));
+  await refreshHistory();
 }
 
 // Sends a configuration command and follows its progress while the status shows it busy.
 async function panelJob(ctx, command, busyStatus, title) {
-  const box = $('#cfg-progress', root);
   await api.command(command).catch(noDevice);
+  await followJob(ctx, busyStatus, title);
+}
+
+// Follows a configuration exchange the engine has begun while the status shows it busy.
+async function followJob(ctx, busyStatus, title) {
+  const box = $('#cfg-progress', root);
   setProgress(box, 0, title);
   await follow({
     title, done: (s) => s.status !== busyStatus, progress: (s) => s.progress?.cfg,
@@ -115,23 +126,98 @@ async function panelJob(ctx, command, busyStatus, title) {
   setProgress(box, 100);
   changed.clear();
   pendingSend = false;
+  loadedSettings = null;
 }
 
 function noDevice(error) {
   throw new api.ApiError(error.message === t('err.command') ? t('cfg.noDevice') : error.message);
 }
 
-async function writeToPanel(ctx) {
+// The edits typed here, refused whole when one value cannot be sent.
+function edits() {
   const settings = [...changed].map(([key, values]) => ({ key, values }));
-  if (settings.length === 0 && !pendingSend) throw new api.ApiError(t('cfg.nothing'));
   for (const { key, values } of settings) {
     const bad = values.find((v) => valueProblem(key, v));
     if (bad !== undefined) throw new api.ApiError(t('cfg.badValue', bad));
   }
+  return settings;
+}
+
+// Hands the edits typed here to the engine's image (without writing them), so that
+// the snapshot the engine keeps before replacing or clearing the image holds them.
+async function pushEdits() {
+  const settings = edits();
+  if (settings.length) await api.upload('configset', configJson(settings));
+  changed.clear();
+}
+
+// Before an action that clears the engine's image (connect, disconnect, read): an image
+// not yet written is kept in the history, and the installer is told how to write it.
+async function keepUnwritten(action) {
+  if (changed.size === 0 && !pendingSend) return true;
+  edits();
+  if (!(await confirmAction(t('cfg.keepAsk', action)))) return false;
+  await pushEdits();
+  pendingSend = false;
+  loadedSettings = null;
+  return true;
+}
+
+// A load waiting to be written whose settings the engine no longer holds: the image
+// was cleared since (a connect, a lost link) and kept in the history.
+async function loadCleared() {
+  if (!pendingSend || !loadedSettings) return false;
+  const held = settingsOf((await api.query('configstate='))?.result?.config);
+  if ([...loadedSettings.keys()].every((key) => FRAME_KEYS.has(key) || held.has(key))) return false;
+  pendingSend = false;
+  loadedSettings = null;
+  return true;
+}
+
+async function writeToPanel(ctx) {
+  const settings = edits();
+  if (await loadCleared()) throw new api.ApiError(t('cfg.imageCleared'));
+  if (settings.length === 0 && !pendingSend) throw new api.ApiError(t('cfg.nothing'));
+  // What this write sends: the settings of the last load, then the edits over them.
+  const written = new Map(pendingSend ? loadedSettings ?? [] : []);
+  for (const { key, values } of settings) written.set(key, values);
+  clearCheck();
   if (settings.length) await api.upload('configset', configJson(settings));
   await panelJob(ctx, 31, 5, t('cfg.writing'));
-  showNote(t('cfg.writeDone'));
+  await checkWrite(ctx, written);
+}
+
+function renderCheck(text, wrong = []) {
+  const rows = wrong.map((w) => h('tr', { 'data-key': w.key }, h('th', { scope: 'row' }, w.key),
+    h('td', {}, w.written.join(' · ')), h('td', {}, w.panel ? w.panel.join(' · ') : t('hist.none'))));
+  $('#cfg-check', root).replaceChildren(h('p', { class: wrong.length ? 'bad' : 'good' }, text),
+    ...(rows.length ? [h('table', { class: 'compare' }, h('caption', {}, t('cfg.checkTable')),
+      h('thead', {}, h('tr', {}, ['cfg.key', 'cfg.checkWritten', 'cfg.checkPanel'].map((k) => h('th', { scope: 'col' }, t(k))))),
+      h('tbody', {}, rows))] : []));
+}
+
+function clearCheck() {
+  $('#cfg-check', root).replaceChildren();
+}
+
+// After every write, unless turned off: the configuration read back from the panel,
+// each written setting compared with what the panel now reports.
+async function checkWrite(ctx, written) {
+  if (!$('#cfg-verify', root).checked) {
+    const count = [...written.keys()].filter((key) => !FRAME_KEYS.has(key)).length;
+    renderCheck(t('cfg.writeDone', count));
+    showNote(t('cfg.writeDone', count));
+  } else {
+    await panelJob(ctx, 32, 4, t('cfg.checking'));
+    const panel = settingsOf((await api.query('configstate='))?.result?.config);
+    const { checked, wrong } = writeMismatches(written, panel);
+    const text = wrong.length ? t('cfg.checkBad', wrong.length, checked) : t('cfg.checkOk', checked);
+    renderCheck(text, wrong);
+    if (wrong.length) showError(text);
+    else showNote(text);
+  }
   await loadTable();
+  await refreshHistory();
 }
 
 async function fetchUpdates() {
@@ -186,6 +272,7 @@ async function importFile(ctx, input) {
   const file = input.files[0];
   if (!file) return;
   input.value = '';
+  await pushEdits();
   const cry = file.name.toLowerCase().endsWith('.cry');
   const bytes = cry ? await fileBytes(file) : normalisedConfigFile(await fileBytes(file));
   if (api.uploadProblem(bytes)) throw new api.ApiError(t('err.upload'));
@@ -200,24 +287,32 @@ async function importFile(ctx, input) {
   } else {
     await api.upload('cmd=4', api.bytesAsText(bytes));
   }
-  changed.clear();
-  pendingSend = true;
-  const count = await loadTable();
+  const count = await loaded();
   if (count === 0) throw new api.ApiError(t('cfg.importEmpty'));
   showNote(t('cfg.imported', count));
+}
+
+// A file, template or snapshot replaced the engine's image: all of it waits to be written.
+async function loaded() {
+  clearCheck();
+  changed.clear();
+  pendingSend = true;
+  loadedSettings = settingsOf((await api.query('configstate='))?.result?.config);
+  const count = await loadTable();
+  await refreshHistory();
+  return count;
 }
 
 async function loadModel() {
   const model = $('#cfg-model', root).value.trim();
   if (!/^[A-Za-z0-9]+$/.test(model)) throw new api.ApiError(t('cfg.badModel'));
+  await pushEdits();
   try {
     await api.command(1, `&devtype=${model}`);
   } catch (error) {
     throw new api.ApiError(error.message === t('err.command') ? t('cfg.modelMissing', model) : error.message);
   }
-  changed.clear();
-  pendingSend = true;
-  await loadTable();
+  await loaded();
   showNote(t('cfg.modelLoaded', model));
 }
 
@@ -250,8 +345,10 @@ export default {
         button('cfg-read', t('cfg.read'), () => readFromPanel(ctx)),
         button('cfg-write', t('cfg.write'), () => writeToPanel(ctx)),
         button('cfg-export', t('cfg.export'), exportFile),
-        h('label', { class: 'file', for: 'cfg-file' }, t('cfg.import')), fileInput),
+        h('label', { class: 'file', for: 'cfg-file' }, t('cfg.import')), fileInput,
+        h('label', { class: 'check' }, h('input', { id: 'cfg-verify', type: 'checkbox', checked: true }), t('cfg.verify'))),
       progressBar('cfg-progress', t('cfg.reading')),
+      h('div', { id: 'cfg-check', role: 'status' }),
       h('div', { id: 'cfg-update', class: 'banner', hidden: true, role: 'status' },
         h('span', {}, t('cfg.update')), button('cfg-get-update', t('cfg.getUpdate'), fetchUpdates)),
       h('div', { class: 'fields' },
@@ -267,11 +364,18 @@ export default {
         h('label', { for: 'cfg-filter' }, t('cfg.filter')),
         h('input', { id: 'cfg-filter', type: 'search', placeholder: t('cfg.filterHint'), autocomplete: 'off', spellcheck: 'false',
           oninput: () => { clearTimeout(filterTimer); filterTimer = setTimeout(() => guarded(null, () => loadTable()), 300); } })),
+      historyPanel({
+        follow: (busy, title) => { clearCheck(); return followJob(ctx, busy, title); },
+        checkWrite: (written) => checkWrite(ctx, written),
+        loaded,
+      }),
       h('div', { id: 'cfg-body' }));
     ctx.store.subscribe((s) => { $('#cfg-update', root).hidden = s.update !== true; });
+    ctx.keepUnwritten = keepUnwritten;
   },
   async show() {
     await loadTable();
     guarded(null, refreshDisks);
+    guarded(null, refreshHistory);
   },
 };

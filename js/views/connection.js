@@ -37,6 +37,8 @@ async function connect(ctx) {
   const port = chosenPort();
   if (!port) throw new api.ApiError(t('conn.choosePort'));
   if (!port.startsWith('/dev/') || !api.isSendableValue(port)) throw new api.ApiError(t('conn.badPort'));
+  // Connecting clears the engine's image: one not yet written is kept in the history first.
+  if (!(await ctx.keepUnwritten(t('conn.connect')))) return;
   showNote(t('conn.connecting', port));
   try {
     await api.command(11, `&com=${port}`);
@@ -49,6 +51,7 @@ async function connect(ctx) {
 }
 
 async function disconnect(ctx) {
+  if (!(await ctx.keepUnwritten(t('conn.disconnect')))) return;
   await api.command(11);
   showNote(t('conn.disconnected'));
   ctx.store.publish(await api.status());

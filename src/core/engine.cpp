@@ -14,6 +14,7 @@
 #include "http/http_server.h"
 #include "link/dev_port.h"
 #include "link/exchange.h"
+#include "model/history.h"
 
 // Construction order matters: the device image first, then the queues that
 // feed the panel, then the user name and the HTTP debug channel.
@@ -71,21 +72,36 @@ std::string read_sudo_user() {
     return name;
 }
 
-bool sudo_uid(uid_t& uid) {
-    const char* text = getenv("SUDO_UID");
+// A user or group id that sudo put in the environment variable `name`.
+static bool id_from_env(const char* name, unsigned long& id) {
+    const char* text = getenv(name);
     if (text == nullptr || *text < '0' || *text > '9') return false;
     char* end = nullptr;
     errno = 0;
     unsigned long value = strtoul(text, &end, 10);
-    // (uid_t)-1 means "no user" to the system calls.
+    // (uid_t)-1 and (gid_t)-1 mean "none" to the system calls.
     if (errno != 0 || *end != '\0' || value >= static_cast<uid_t>(-1)) return false;
-    uid = static_cast<uid_t>(value);
+    id = value;
+    return true;
+}
+
+bool sudo_uid(uid_t& uid) {
+    unsigned long id = 0;
+    if (!id_from_env("SUDO_UID", id)) return false;
+    uid = static_cast<uid_t>(id);
     return true;
 }
 
 uid_t invoking_uid() {
     uid_t uid = 0;
     return sudo_uid(uid) ? uid : getuid();
+}
+
+gid_t invoking_gid() {
+    uid_t uid = 0;
+    unsigned long id = 0;
+    if (!sudo_uid(uid)) return getgid();
+    return id_from_env("SUDO_GID", id) ? static_cast<gid_t>(id) : static_cast<gid_t>(-1);
 }
 
 std::string usage_text() {
@@ -167,6 +183,7 @@ int engine_main(int argc, char** argv) {
         if (!apply_key(argv[i])) return 0;
     }
     load_cipher();
+    history_open("history", invoking_uid(), invoking_gid());
 
     pthread_t device_thread;
     bool device_thread_started = pthread_create(&device_thread, nullptr, threadFunc, nullptr) == 0;
@@ -175,6 +192,8 @@ int engine_main(int argc, char** argv) {
     http_server();
 
     if (device_thread_started) pthread_join(device_thread, nullptr);
+    // What the image holds when the engine ends is kept before it exits.
+    history_take(SnapshotKind::kept);
     close_dev();
     pthread_mutex_destroy(&http_mutex);
     pthread_mutex_destroy(&cout_mutex);

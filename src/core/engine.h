@@ -42,6 +42,9 @@ std::string read_sudo_user();
 bool sudo_uid(uid_t& uid);
 // The user on whose behalf the engine runs: SUDO_UID, else the real user.
 uid_t invoking_uid();
+// That user's group: SUDO_GID along with SUDO_UID ((gid_t)-1 when sudo set no
+// group), else the real group.
+gid_t invoking_gid();
 
 // Applies one command-line key. Returns false for "help" (the usage text has
 // been printed and the engine must end); unknown keys are ignored.

@@ -23,6 +23,8 @@ public:
 
     int get() const { return fd_; }
     bool valid() const { return fd_ >= 0; }
+    // Hands the descriptor to a new owner (fdopendir, say); this object holds none after.
+    int release() { return std::exchange(fd_, -1); }
     void reset(int fd = -1) {
         if (fd_ >= 0) close(fd_);
         fd_ = fd;

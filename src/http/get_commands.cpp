@@ -17,6 +17,7 @@
 #include "http/static_files.h"
 #include "link/dev_port.h"
 #include "link/pk7.h"
+#include "model/history.h"
 #include "text/txt_to_utf8.h"
 
 namespace {
@@ -84,7 +85,7 @@ std::string cmd_load_model_file(const std::string& target) {
         json.put(DM_IN_SRC, ("cmd 1: no read file " + path).c_str(), nullptr);
         return json_error;
     }
-    parser.file_to_cfg(text);
+    load_config_text(text, SnapshotKind::model);
     parser.set_status_10();
     return json_ok;
 }
@@ -157,7 +158,7 @@ std::string cmd_open_cry_file(const std::string& target) {
             console_stamped("cmd 12: the CRY-file cannot be decrypted: no cipher table loaded");
         return json_error;
     }
-    parser.file_to_cfg(text);
+    load_config_text(text, SnapshotKind::file);
     parser.set_status_10();
     return json_ok;
 }
@@ -204,25 +205,8 @@ std::string cmd_restart(char* frame, size_t len) {
     return queue.command_to_dev(std::vector<char>(frame, frame + len), true) ? json_ok : json_error;
 }
 
-// A configuration write is refused, changing nothing, without an open port
-// or while a frame of an earlier write (its EC included) still waits to be
-// written: writes cannot pile up behind a panel that does not answer.
-bool config_write_refused() {
-    if (dev_no_valid()) return true;
-    if (!queue.write_frames_waiting()) return false;
-    console_stamped("Command refused: an earlier configuration write still waits for the panel");
-    return true;
-}
-
-// The frames are queued before the status says "writing": a write refused
-// for its size changes nothing, and a write that drains at once still ends
-// in status 3, which the next cycle sets for an empty queue in status 5.
 std::string cmd_write_config() {
-    if (config_write_refused()) return json_error;
-    if (!parser.cfg_to_dev()) return json_error;
-    parser.set_status(5);
-    reset_counter(parser.cfg_count);
-    parser.set_ready_text(&StatusDevice::progress_cfg, "0");
+    if (config_write_refused() || !start_config_write()) return json_error;
     return json_ok;
 }
 
@@ -397,6 +381,25 @@ std::string run_json_command(int n, const std::string& target) {
 }
 
 }  // namespace
+
+// Writes cannot pile up behind a panel that does not answer.
+bool config_write_refused() {
+    if (dev_no_valid()) return true;
+    if (!queue.write_frames_waiting()) return false;
+    console_stamped("Command refused: an earlier configuration write still waits for the panel");
+    return true;
+}
+
+// The frames are queued before the status says "writing": a write refused
+// for its size changes nothing, and a write that drains at once still ends
+// in status 3, which the next cycle sets for an empty queue in status 5.
+bool start_config_write() {
+    if (!parser.cfg_to_dev()) return false;
+    parser.set_status(5);
+    reset_counter(parser.cfg_count);
+    parser.set_ready_text(&StatusDevice::progress_cfg, "0");
+    return true;
+}
 
 void run_command(int n, const std::string& target, std::stringstream& answer) {
     if (n == 84) {

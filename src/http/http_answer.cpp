@@ -46,12 +46,9 @@ void set_response_json(std::stringstream& answer, const std::string& body) {
                  body);
 }
 
+// The configuration file's head is that of any other download, with its fixed name.
 void set_response_cfg_file(std::stringstream& answer, const std::string& body) {
-    write_answer(answer,
-                 "Content-Type: text/plain; charset=UTF-8\r\n"
-                 "Content-disposition: attachment; filename=config.ini\r\n"
-                 "Content-transfer-encoding: text\r\n",
-                 body);
+    set_response_events_file(answer, body, "config.ini");
 }
 
 void set_response_events_file(std::stringstream& answer, const std::string& body,

@@ -5,6 +5,7 @@
 #include "core/engine.h"
 #include "http/get_api.h"
 #include "http/http_answer.h"
+#include "model/history.h"
 
 // The configuration file goes back at once (command 2); uploads are acknowledged
 // and processed after the answer (4, 71, 73 and targets without a command).
@@ -29,6 +30,9 @@ static int route_post(const HttpRequest& request, std::stringstream& answer, par
 }
 
 int route_request(const HttpRequest& request, std::stringstream& answer, parsing_result& result) {
+    // Snapshots the device thread took since the last request reach the disk
+    // here, on this thread, before anything can ask for the history.
+    history_flush();
     if (request.lines.empty()) {
         set_error(answer);
         return 0;

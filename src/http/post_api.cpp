@@ -7,6 +7,7 @@
 #include "core/debug.h"
 #include "core/engine.h"
 #include "crypto/CryptoKey.h"
+#include "model/history.h"
 
 std::vector<char> cry_file_content;
 
@@ -29,7 +30,7 @@ void load_firmware(int target, parsing_result& result) {
 
 void load_config_file(std::vector<char>& bytes) {
     std::string text(bytes.begin(), bytes.end());
-    parser.file_to_cfg(text);
+    load_config_text(text, SnapshotKind::file);
     parser.set_status_10();
 }
 

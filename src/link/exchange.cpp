@@ -3,6 +3,8 @@
 
 #include <unistd.h>
 
+#include <algorithm>
+
 #include "core/debug.h"
 #include "core/engine.h"
 #include "core/utils.h"
@@ -28,6 +30,7 @@ bool next_inv = false;
 std::vector<unsigned char> current_packet;
 std::atomic<bool> send_re{false};
 std::atomic<bool> pass_block_written{false};
+std::atomic<bool> config_end_written{false};
 
 // The flags of one link's exchange that either thread may reset: the pending
 // abort frame, busy waits, the receipt awaited, restart and password marks.
@@ -39,6 +42,7 @@ static void clear_link_flags() {
     wait_receipt_OK = false;
     send_re = false;
     pass_block_written = false;
+    config_end_written = false;
 }
 
 // Called by open_dev (HTTP thread) for a port that is open but not yet
@@ -157,6 +161,10 @@ void read_step() {
     send_sf_cnt = 0;
 }
 
+static bool is_config_end(const std::vector<char>& frame) {
+    return frame.size() == cmd_ec_len && std::equal(frame.begin(), frame.end(), cmd_ec);
+}
+
 static bool is_pass_block(const std::vector<char>& frame) {
     return frame.size() >= 8 && frame[5] == 'B' && static_cast<unsigned char>(frame[6]) == 0x82 &&
            frame[7] == 0x00;
@@ -173,6 +181,7 @@ static void write_restart() {
     need_sf = false;
     write_sf_error = false;
     pass_block_written = false;
+    config_end_written = false;
     send_re = false;
     if (channel_on(dm_s2)) dump_frame(DM_OUT_CMD, cmd_sf, cmd_sf_len, TITLE_OUT_CMD);
 }
@@ -203,8 +212,8 @@ static bool still_busy() {
 
 static void write_command() {
     std::vector<char> frame;
-    bool ends_link = false;
-    if (!queue.get_copy(frame, ends_link)) {
+    Queue::Marks marks;
+    if (!queue.get_copy(frame, marks)) {
         if (parser.get_status() == 5) parser.set_status(3);
         return;
     }
@@ -214,9 +223,11 @@ static void write_command() {
     }
     if (channel_on(dm_s2)) dump_frame(DM_OUT_CMD, frame.data(), frame.size(), TITLE_OUT_CMD);
     pass_block_written = is_pass_block(frame);
+    // A free text command "EC" has the same bytes but ends no write.
+    config_end_written = !marks.command && is_config_end(frame);
     // The next receipt is this frame's own: only if it is the restart or reset
     // queued by commands 21 and 22 does that receipt close the link.
-    send_re = ends_link;
+    send_re = marks.ends_link;
     dev_busy = true;
     bool drained = queue.pop();
     if (parser.get_status() == 5 && drained) parser.set_status(3);
@@ -263,6 +274,7 @@ static void write_block() {
     std::vector<char> frame;
     if (!bbqueue.get_copy(frame)) return;
     pass_block_written = false;
+    config_end_written = false;
     send_re = false;
     if (!write_dev(frame.data(), frame.size())) {
         console_line("write packet bbqueue error");

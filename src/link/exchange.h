@@ -23,6 +23,9 @@ extern std::atomic<bool> send_re;
 // The frame awaiting its receipt is the access-password block: a plain
 // receipt means the panel accepted the password, "AN3" that it refused it.
 extern std::atomic<bool> pass_block_written;
+// The frame awaiting its receipt is the end command of a configuration write:
+// a plain receipt means the panel took the whole write.
+extern std::atomic<bool> config_end_written;
 
 // Silence after which the link is restarted, in ms (a read count below it is quiet).
 inline constexpr uint64_t DEV_SILENCE_MS = 20001;

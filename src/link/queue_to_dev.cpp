@@ -88,15 +88,16 @@ char* Queue::get(size_t& len) {
 }
 
 bool Queue::get_copy(std::vector<char>& frame) {
-    bool ends_link = false;
-    return get_copy(frame, ends_link);
+    Marks marks;
+    return get_copy(frame, marks);
 }
 
-bool Queue::get_copy(std::vector<char>& frame, bool& ends_link) {
+bool Queue::get_copy(std::vector<char>& frame, Marks& marks) {
     MutexLock lock(mutex);
     if (packets.empty()) return false;
     frame = packets.front().frame;
-    ends_link = packets.front().ends_link;
+    marks.command = packets.front().command;
+    marks.ends_link = packets.front().ends_link;
     return true;
 }
 

@@ -46,8 +46,13 @@ public:
     // Copy of the head frame; false when empty. The device thread uses this
     // so that a clear from the HTTP thread cannot pull the bytes away.
     bool get_copy(std::vector<char>& frame);
-    // The same, also telling whether the frame was queued as ending the link.
-    bool get_copy(std::vector<char>& frame, bool& ends_link);
+    // How the head frame was queued.
+    struct Marks {
+        bool command = false;    // a single command (not a configuration write's frame)
+        bool ends_link = false;  // a restart or reset: its receipt closes the link
+    };
+    // The same, also telling how the frame was queued.
+    bool get_copy(std::vector<char>& frame, Marks& marks);
     // Removes the head; true when the queue is empty afterwards.
     bool pop();
     // Builds the access-password block and queues it as a command frame; 1

@@ -10,6 +10,7 @@
 #include "link/dev_port.h"
 #include "link/exchange.h"
 #include "model/dev_parser_helpers.h"
+#include "model/history.h"
 #include "text/txt_to_utf8.h"
 
 std::string to_upper(std::string text) {
@@ -34,6 +35,9 @@ void DevParser::clear() {
     const std::string ports = list_ports();
     {
         MutexLock lock(http_mutex);
+        // Whatever the image holds (a configuration prepared offline, edits
+        // not yet written) stays in the history.
+        history_capture_locked(*this, SnapshotKind::kept);
         status_dev.reset(ports);
         cfg.clear();
         cfg_text_bytes = 0;

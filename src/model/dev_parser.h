@@ -196,6 +196,12 @@ public:
     void json_to_cfg(std::string& json);
     void file_to_cfg(std::string& text);
     void cfg_to_file(std::string& out);
+    // The same file text without creating the empty "vorlane", "ks001" and
+    // "ks002" entries cfg_to_file leaves behind; the caller holds http_mutex.
+    void cfg_file_text(std::string& out) const;
+    // A write of exactly these settings (key -> value as a file holds them):
+    // they replace cfg_send and are stored in cfg. Takes http_mutex.
+    void send_settings(const std::map<std::string, std::string>& settings);
     // Queues cfg_send as configuration frames and the end command, then
     // empties it. False, with nothing queued or taken, when the frames would
     // take the queues past QUEUE_BYTES_LIMIT.

@@ -155,15 +155,28 @@ void DevParser::file_to_cfg(std::string& text) {
 
 void DevParser::cfg_to_file(std::string& out) {
     MutexLock lock(http_mutex);
+    // Downloads have always left these entries behind when they were missing
+    // (the configuration list shows them from then on); snapshots do not.
+    cfg["vorlane"];
+    cfg["ks002"];
+    cfg["ks001"];
+    cfg_file_text(out);
+}
+
+void DevParser::cfg_file_text(std::string& out) const {
+    auto value_of = [this](const char* map_key) {
+        const auto at = cfg.find(map_key);
+        return at == cfg.end() ? std::string() : at->second.second;
+    };
     out.clear();
-    const std::string vorlane = cfg["vorlane"].second;
+    const std::string vorlane = value_of("vorlane");
     if (vorlane.empty())
         out += std::string("Vorlane-Configurator engine ") + engine_version + "\r\n";
     else
         out += "Vorlane-" + vorlane + "\r\n";
     out += "fe\r\n";
-    const std::string ks2 = cfg["ks002"].second;
-    const std::string ks1 = cfg["ks001"].second;
+    const std::string ks2 = value_of("ks002");
+    const std::string ks1 = value_of("ks001");
     if (!ks2.empty()) out += "ks2-" + ks2 + "\r\n";
     if (!ks1.empty())
         out += "ks1-" + ks1 + "\r\n";
@@ -176,6 +189,13 @@ void DevParser::cfg_to_file(std::string& out) {
         out += entry.second;
         out += "\r\n";
     }
+}
+
+void DevParser::send_settings(const std::map<std::string, std::string>& settings) {
+    MutexLock lock(http_mutex);
+    cfg_send.clear();
+    for (const auto& [key, value] : settings)
+        if (put_setting(key, value)) cfg_send[key] = value;
 }
 
 bool DevParser::cfg_to_dev() {

@@ -9,6 +9,7 @@
 #include "core/mutex_lock.h"
 #include "model/dev_parser.h"
 #include "model/dev_parser_helpers.h"
+#include "model/history.h"
 
 namespace {
 
@@ -114,6 +115,8 @@ int DevParser::parse_cfg(std::vector<unsigned char>& data, unsigned long start) 
         }
         if (!line.empty()) parse_cfg_str(line);
         if (!cfg_keys.empty() && !engine_reading) status_dev.update = "true";
+        // The "ec" of a read the engine asked for ended it (status 4 to 3).
+        if (engine_reading && get_status() == 3) history_capture_locked(*this, SnapshotKind::read);
         // Wide enough that a panel sending lines for ever cannot overflow it.
         if (cfg_total != 0) progress = std::to_string(static_cast<int>(cfg_count * 100LL / cfg_total));
     }

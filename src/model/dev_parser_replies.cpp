@@ -10,6 +10,7 @@
 #include "link/exchange.h"
 #include "link/frame_reader.h"
 #include "model/dev_parser.h"
+#include "model/history.h"
 
 namespace {
 
@@ -101,8 +102,10 @@ void DevParser::on_receipt(const std::vector<unsigned char>& pkt) {
         on_plain_receipt();
     } else if (pkt.size() == 7 && pkt[5] == 'N' && isdigit(pkt[6])) {
         // Any negative receipt to the password block ends that exchange;
-        // code 3 is the panel's explicit refusal.
+        // code 3 is the panel's explicit refusal. A write whose end command is
+        // refused did not end: it leaves no snapshot.
         if (pass_block_written.exchange(false)) queue.pass_sent = false;
+        config_end_written = false;
         if (pkt[6] == '3') {
             queue.pass_sent = false;
             queue.pass_rejected = true;
@@ -114,6 +117,8 @@ void DevParser::on_receipt(const std::vector<unsigned char>& pkt) {
 
 void DevParser::on_plain_receipt() {
     wait_receipt_OK = false;
+    // The panel took the end of a configuration write: the image as written.
+    if (config_end_written.exchange(false)) history_capture(SnapshotKind::write);
     if (pass_block_written.exchange(false)) {
         pass_accepted = true;
         queue.pass_sent = false;

@@ -1,8 +1,10 @@
 // The configuration through the whole program: read from the simulated panel,
 // shown as JSON, downloaded, uploaded, loaded from a model file or a ".cry"
 // file, edited and written back, over the engine's own HTTP interface.
+#include <ctime>
 #include <fstream>
 #include <map>
+#include <set>
 
 #include "support/engine_fixture.h"
 
@@ -99,6 +101,95 @@ TEST_F(EngineConfig, RoundTripThroughFilesModelEditsAndWrite) {
     std::string config = get("configstate=");
     for (const std::string& edited : {zn2, ua1, sr1})
         EXPECT_NE(config.find(edited), std::string::npos) << edited;
+    engine_->exit_cleanly();
+}
+
+// A model file loaded and edited with no panel connected is kept when the connect clears it; written
+// from the history, only the settings that differ from the panel's go out, as the file holds them, and
+// the panel reports every one of them when read back. Each kind of snapshot is listed with its name,
+// date and time (UTC), model and count; a snapshot shows as its file does once uploaded.
+TEST_F(EngineConfig, OfflinePreparedConfigurationIsKeptAndOnlyItsDifferencesWritten) {
+    std::filesystem::create_directory(dir_.path() + "/devs");
+    std::ofstream(dir_.path() + "/devs/MS02.ini", std::ios::binary)
+        << "Vorlane-MS02 template\r\nfe\r\nks1-07\r\ntd-MS02\r\nvc-70\r\ncs1-1234\r\nrl1-1.30\r\n" +
+               cp1251("ss1-\"Зона 1\".1\r\n") + "ua1-!12.3\r\nzn1-5\r\nzn2-5\r\nzn3-5\r\n";
+    ASSERT_EQ(get("cmd=1&devtype=MS02"), ok_body);
+    ASSERT_EQ(post("configset", R"({"config":[)" + element("zn1", {"7"}) + "]}"), ok_body);
+    PanelSimOptions options{.make_link = false, .telemetry_ms = 300};
+    options.content.config_lines = {"SVMS02 v3.14", "td-MS02",  "vc-70",      "zn1-5",   "zn2:3-1",
+                                    "ks1-07",       "cs1-1234", "ws-Vorlane", "rl1-1.30"};
+    ASSERT_NO_FATAL_FAILURE(connect(options));
+    auto read_panel = [&] {
+        return get("cmd=32") == ok_body && status_shows({R"("devtype":"MS02","status":"3")"});
+    };
+    ASSERT_TRUE(read_panel());
+    const std::vector<Strings> listed = history();
+    ASSERT_GE(listed.size(), 3u);
+    const std::string prepared = listed.back()[0];  // the model file, then its edit kept at the connect
+    EXPECT_EQ(listed.back()[1], "model");
+    EXPECT_EQ(listed[listed.size() - 2][1], "kept");
+    const std::string kept = listed[listed.size() - 2][0];
+
+    const std::string image = get("configstate=");
+    const std::string saved = get("historyconfig=" + kept);
+    EXPECT_EQ(saved,
+              config_list({element("!!", {""}), element("cs1", {"1234"}), element("ks1", {"07"}),
+                           element("ks2", {""}), element("rl1", {"1", "30"}), element("ss1", {"Зона 1", "1"}),
+                           element("td", {"MS02"}), element("ua1", {"2", "12", "3"}), element("vc", {"70"}),
+                           element("vorlane", {"MS02 template"}), element("zn1", {"7"}),
+                           element("zn2", {"5"}), element("zn3", {"5"})}));
+    EXPECT_EQ(get("configstate="), image);
+    EXPECT_TRUE(status_shows({R"("status":"3")"}, 1));
+
+    panel().forget_received();
+    EXPECT_EQ(get("historywrite=" + kept), ok_body);
+    EXPECT_TRUE(wait_for([&] { return written().ends_with("~0007FEC\x7f"); }, 15));
+    EXPECT_EQ(
+        written(),
+        write_frames(
+            {{"ss1", cp1251("\"Зона 1\".1")}, {"ua1", "!12.3"}, {"zn1", "7"}, {"zn2", "5"}, {"zn3", "5"}}));
+    const std::string wrote = newest("write");
+    ASSERT_FALSE(wrote.empty());
+    ASSERT_TRUE(read_panel());
+    const std::string panel_now = get("configstate=");
+    for (const char* key : {"ss1", "ua1", "zn1", "zn2", "zn3"})
+        EXPECT_EQ(element_in(panel_now, key), element_in(saved, key)) << key;
+
+    panel().forget_received();  // nothing differs any more: nothing goes out
+    EXPECT_EQ(get("historywrite=" + wrote), ok_body);
+    EXPECT_FALSE(wait_for([&] { return !written().empty(); }, 0.5)) << written();
+
+    // The download of a snapshot, uploaded as a browser uploads files, shows as historyconfig does.
+    const std::string file = get("historyfile=" + prepared);
+    EXPECT_EQ(
+        engine_->get("historyfile=" + prepared),
+        answer_200("Content-Type: text/plain; charset=UTF-8\r\nContent-disposition: attachment; filename=" +
+                       prepared + "\r\nContent-transfer-encoding: text\r\n",
+                   file));
+    EXPECT_EQ(post("cmd=4&file=config.ini", browser_encoded(file)), ok_body);
+    EXPECT_EQ(get("configstate="), get("historyconfig=" + prepared));
+    ASSERT_FALSE(newest("file").empty());
+
+    std::set<std::string> kinds;
+    const time_t now = time(nullptr);
+    for (const Strings& snapshot : history()) {
+        const std::string& name = snapshot[0];
+        kinds.insert(snapshot[1]);
+        EXPECT_TRUE(
+            std::regex_match(name, std::regex(R"(\d{8}-\d{6}-\d{3}-)" + snapshot[1] + "-MS02\\.ini")));
+        EXPECT_EQ(snapshot[2], name.substr(6, 2) + "." + name.substr(4, 2) + "." + name.substr(0, 4));
+        EXPECT_EQ(snapshot[3], name.substr(9, 2) + ":" + name.substr(11, 2) + ":" + name.substr(13, 2));
+        tm utc{};
+        strptime((name.substr(0, 15)).c_str(), "%Y%m%d-%H%M%S", &utc);
+        EXPECT_LT(std::abs(difftime(now, timegm(&utc))), 120) << name;
+        EXPECT_EQ(snapshot[4], "MS02");
+        const std::string bytes = get("historyfile=" + name);
+        size_t settings = 0;
+        for (size_t at = bytes.find("\r\n") + 2; at < bytes.size(); at = bytes.find("\r\n", at) + 2)
+            settings += bytes.substr(at, bytes.find("\r\n", at) - at).find('-') != std::string::npos;
+        EXPECT_EQ(snapshot[5], std::to_string(settings)) << name;
+    }
+    EXPECT_EQ(kinds, (std::set<std::string>{"file", "kept", "model", "read", "write"}));
     engine_->exit_cleanly();
 }
 

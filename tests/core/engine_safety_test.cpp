@@ -6,6 +6,7 @@
 #include <poll.h>
 #include <sched.h>
 #include <sys/ioctl.h>
+#include <sys/stat.h>
 
 #include <fstream>
 #include <thread>
@@ -260,6 +261,89 @@ TEST(WhoMayConnect, RootTheEngineUserAndTheInvokingUserOnly) {
     }
     as_nobody.exit_cleanly();
     invoked.exit_cleanly();
+}
+
+// The history belongs to the invoking user: history/ 0711 of root, history/<SUDO_UID> 0700 and each
+// snapshot 0600 of that user and SUDO_GID. It keeps 500 snapshots (the oldest goes, one console line),
+// writes none equal to the newest, and serves only what it lists: a path, a link, a FIFO or an
+// unknown name is refused unopened (a FIFO opened would hold the engine), so is a write without a
+// device. A history/ that is a link is not followed: the engine works on without history.
+TEST(History, PrivateBoundedAndServesOnlyItsOwnSnapshots) {
+    if (geteuid() != 0) GTEST_SKIP() << "needs root: the folders are given to the invoking user";
+    TempDir dir;
+    const std::string mine = dir.path() + "/history/1000";
+    const std::string invoked = "env SUDO_UID=1000 SUDO_GID=1001";
+    EngineProcess(dir, invoked).exit_cleanly();  // makes the folders
+    Strings names;
+    for (int i = 0; i < 500; ++i) {
+        char name[64];
+        snprintf(name, sizeof name, "20200101-00%02d%02d-000-read-MS02.ini", i / 60, i % 60);
+        names.push_back(name);
+        std::ofstream(mine + "/" + name) << "Vorlane-x\r\nfe\r\nzn1-" << i << "\r\n";
+    }
+    std::ofstream(dir.path() + "/secret") << "secret";
+    const std::string link = "20990101-000000-000-read.ini", fifo = "20990101-000000-001-read.ini";
+    fs::create_symlink(dir.path() + "/secret", mine + "/" + link);
+    ASSERT_EQ(mkfifo((mine + "/" + fifo).c_str(), 0600), 0);
+    fs::create_directories(dir.path() + "/devs");
+    std::ofstream(dir.path() + "/devs/MS02.ini") << "Vorlane-MS02\r\nfe\r\ntd-MS02\r\nzn1-5\r\n";
+    EngineProcess engine(dir, invoked);
+    ASSERT_NE(engine.port(), 0) << engine.console();
+    auto listed = [&] {
+        std::string list = body_of(engine.get("history"));
+        Strings out;
+        for (size_t at = 0; (at = list.find("{\"name\":\"", at)) != std::string::npos; at += 9)
+            out.push_back(list.substr(at + 9, list.find('"', at + 9) - at - 9));
+        return out;
+    };
+    EXPECT_EQ(listed(), Strings(names.rbegin(), names.rend()));
+    ASSERT_EQ(engine.get("cmd=1&devtype=MS02"), ok_answer);
+    ASSERT_EQ(engine.get("cmd=1&devtype=MS02"), ok_answer);  // the same image: no snapshot again
+    Strings now = listed();
+    ASSERT_EQ(now.size(), 500u);
+    EXPECT_TRUE(std::regex_match(now[0], std::regex(R"(\d{8}-\d{6}-\d{3}-model-MS02\.ini)"))) << now[0];
+    EXPECT_EQ(now.back(), names[1]);
+    EXPECT_FALSE(fs::exists(mine + "/" + names[0]));
+    EXPECT_TRUE(engine.printed("History: " + names[0] +
+                               " removed: the folder keeps at most 500 snapshots and 64 MiB\n"));
+
+    // folder or file, mode, owner, group
+    const std::tuple<std::string, mode_t, uid_t, gid_t> owners[] = {{dir.path() + "/history", 0711, 0, 0},
+                                                                    {mine, 0700, 1000, 1001},
+                                                                    {mine + "/" + now[0], 0600, 1000, 1001}};
+    for (const auto& [path, mode, uid, gid] : owners) {
+        struct stat about {};
+        ASSERT_EQ(lstat(path.c_str(), &about), 0) << path;
+        EXPECT_EQ(about.st_mode & 07777, mode) << path;
+        EXPECT_EQ(about.st_uid, uid) << path;
+        EXPECT_EQ(about.st_gid, gid) << path;
+    }
+
+    const std::string no_such = json_answer(R"({"result":"error","description":"Нет такого снимка"})");
+    const std::string image = engine.get("configstate=");
+    for (const std::string& name :
+         {std::string("../x"), std::string("/etc/passwd"), "../../" + link, link, fifo, names[0]})
+        for (const char* query : {"historyconfig=", "historyfile=", "historywrite="})
+            EXPECT_EQ(engine.get(query + name), no_such) << query << name;
+    EXPECT_TRUE(engine.printed("History: no snapshot /etc/passwd\n"));
+    EXPECT_EQ(engine.get("historywrite=" + now[0]), error_answer);  // no panel connected
+    EXPECT_EQ(engine.get("configstate="), image);
+    EXPECT_EQ(read_text_file(dir.path() + "/secret"), "secret");
+    engine.exit_cleanly();
+
+    TempDir linked;
+    fs::create_directories(linked.path() + "/elsewhere");
+    fs::create_directory_symlink(linked.path() + "/elsewhere", linked.path() + "/history");
+    fs::create_directories(linked.path() + "/devs");
+    std::ofstream(linked.path() + "/devs/MS02.ini") << "Vorlane-MS02\r\nfe\r\ntd-MS02\r\nzn1-5\r\n";
+    EngineProcess unused(linked, "env SUDO_UID=1000");
+    ASSERT_NE(unused.port(), 0) << unused.console();
+    EXPECT_TRUE(
+        unused.printed("History: history is a link or not a folder: the engine works on without history\n"));
+    EXPECT_EQ(unused.get("cmd=1&devtype=MS02"), ok_answer);
+    EXPECT_EQ(unused.get("history"), json_answer(R"({"result":{"history":[]}})"));
+    unused.exit_cleanly();
+    EXPECT_TRUE(fs::is_empty(linked.path() + "/elsewhere"));
 }
 
 // Every restart binds the port the first start took, although the connections it served wait in

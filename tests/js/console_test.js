@@ -189,14 +189,31 @@ async function run(page, port, pty, simLog, scratch) {
     await page.click('#password-dialog button[value="cancel"]');
   });
 
-  await step('connect to the simulator: the link becomes ready', page, async () => {
+  // Offline preparation: a model template edited with no panel connected, then the connect.
+  await step('offline: a model template is loaded and edited before any panel is connected', page, async () => {
+    await openView(page, 'config');
+    await page.fill('#cfg-model', 'MS02');
+    await page.click('#cfg-load-model');
+    await waitNote(page, /Загружен шаблон MS02/);
+    await page.fill('#cfg-body tr[data-key="cs1"] input', '4321');
+    await waitNote(page, /Изменено настроек: 1/);
+    await until(async () => (await page.locator('#hist-list tr[data-kind="model"]').count()) === 1, 'model snapshot');
+  });
+
+  await step('connect warns that the unwritten configuration is kept in the history; the link becomes ready', page, async () => {
+    await openView(page, 'connection');
     await clearErrors(page);
     await page.fill('#port-manual', pty);
-    const started = Date.now();
     await page.click('#connect');
+    await until(() => page.locator('#confirm-dialog').isVisible(), 'the warning');
+    const warning = await page.locator('#confirm-text').innerText();
+    const started = Date.now();
+    await page.click('#confirm-dialog button[value="yes"]');
     await until(async () => (await page.getAttribute('#link-state', 'data-state')) === '3', 'link state 3');
     timings['connect until the panel is ready'] = Date.now() - started;
-    return (await page.locator('#conn-state').innerText()) === 'Прибор готов' || await page.locator('#conn-state').innerText();
+    const state = await page.locator('#conn-state').innerText();
+    return (/Сохранена перед очисткой/.test(warning) && /Записать отличия/.test(warning) && state === 'Прибор готов')
+      || `${state}: ${warning}`;
   });
 
   await step('wrong access password shows an error, the right one is accepted', page, async () => {
@@ -228,11 +245,45 @@ async function run(page, port, pty, simLog, scratch) {
     return ((await configValue(page, 'zn1')) === '5' && progress === '100') || `zn1=${await configValue(page, 'zn1')} progress=${progress}`;
   });
 
+  // The template kept at the connect, against the panel's configuration just read: changed cs1 (the
+  // edit), zn3-zn8 and ss1; only in the snapshot rl2 and ss2-ss8.
+  const differing = ['cs1', 'rl2', 'ss1', 'ss2', 'ss3', 'ss4', 'ss5', 'ss6', 'ss7', 'ss8', 'zn3', 'zn4', 'zn5', 'zn6', 'zn7', 'zn8'];
+  await step('the history keeps the prepared configuration; compare shows what differs', page, async () => {
+    const kinds = await page.locator('#hist-list tr[data-kind]').evaluateAll((rows) => rows.map((r) => r.dataset.kind));
+    await page.locator('#hist-list tr[data-kind="kept"]').last().locator('button[data-action="compare"]').click();
+    await until(() => page.locator('#cmp-counts').isVisible(), 'the comparison');
+    const counts = await page.locator('#cmp-counts').innerText();
+    const changed = await page.locator('#cmp-changed tbody tr').evaluateAll((rows) => rows.map((r) => r.dataset.key));
+    const cs1 = await page.locator('#cmp-changed tr[data-key="cs1"]').innerText();
+    await page.locator('#hist').screenshot({ path: path.join(artifacts, 'history-compare.png') });
+    await page.fill('#hist-filter', 'ss');
+    const filtered = await page.locator('#hist-compare tbody tr').count();
+    await page.fill('#hist-filter', '');
+    return (kinds.join(' ') === 'read kept kept model' && counts === 'Изменены: 8 · только в снимке: 8 · только в движке: 0'
+      && changed.join(' ') === 'cs1 ss1 zn3 zn4 zn5 zn6 zn7 zn8' && /1234\s+4321/.test(cs1) && filtered === 8)
+      || `${kinds} | ${counts} | ${changed} | ${cs1} | ${filtered}`;
+  });
+
+  await step('write the differences after a confirmation naming the count; the read-back check passes', page, async () => {
+    const before = simFrames(simLog).length;
+    await page.click('#cmp-write');
+    await until(() => page.locator('#confirm-dialog').isVisible(), 'the confirmation');
+    const ask = await page.locator('#confirm-text').innerText();
+    await page.click('#confirm-dialog button[value="yes"]');
+    await waitNote(page, /Проверено: 16 настроек совпадают/, 30000);
+    await page.locator('#view-config').screenshot({ path: path.join(artifacts, 'history-check.png') });
+    // The settings the simulator received, in the order they went out.
+    const sent = simFrames(simLog).slice(before).map(unprintable).map((b) => b.toString('latin1'))
+      .filter((f) => /^\d{4}F/.test(f) && !/^\d{4}F(EC|CF-11)$/.test(f))
+      .flatMap((f) => f.slice(5).split('\r\n').filter(Boolean).map((line) => line.split('-')[0]));
+    return (/Записать в прибор 16 настроек/.test(ask) && sent.join(' ') === differing.join(' ')) || `${ask} | ${sent}`;
+  });
+
   await step('edit a zone and write it: the simulator receives the setting', page, async () => {
     await page.fill('#cfg-body tr[data-key="zn1"] input', '7');
     await waitNote(page, /Изменено настроек: 1/);
     await page.click('#cfg-write');
-    await waitNote(page, /Конфигурация записана/);
+    await waitNote(page, /Проверено: 1 настроек совпадают/);
     await page.screenshot({ path: path.join(artifacts, 'config-written.png') });
     const frames = simFrames(simLog);
     const setting = frames.some((f) => /F.*zn1-7<0d><0a>/.test(f));
@@ -391,6 +442,8 @@ async function run(page, port, pty, simLog, scratch) {
 
   await step('disconnect closes the port', page, async () => {
     await page.click('#disconnect');
+    // The template loaded last was not written: kept in the history, after a warning.
+    await page.click('#confirm-dialog button[value="yes"]');
     // The engine clears its image on disconnect: status 1, no device.
     await until(async () => (await page.getAttribute('#link-state', 'data-state')) === '1', 'link state 1');
     return (await page.locator('#link-device').innerText()) === '' || 'device still shown';

@@ -5,6 +5,7 @@
 
 #include <tuple>
 
+#include "core/mutex_lock.h"
 #include "link/link_test_support.h"
 
 namespace {
@@ -126,8 +127,17 @@ TEST_F(Config, FilesAreReadAndWrittenLineByLine) {
         out);
     file = "zn1-5\nzn2-6\r\n";  // lines ending in LF alone make one long line
     parser.file_to_cfg(file);
+    const std::string loaded = image();
+    std::string snapshot;
+    {
+        MutexLock lock(http_mutex);
+        parser.cfg_file_text(snapshot);
+    }
+    EXPECT_EQ(loaded, image());  // a snapshot leaves the map as it is; a download adds "vorlane"
     parser.cfg_to_file(out);
     EXPECT_EQ("Vorlane-Configurator engine 5.2.22\r\nfe\r\n!!-\r\nzn1-5zn2-6\r\n", out);
+    EXPECT_EQ(snapshot, out);
+    EXPECT_EQ("!!=!!:;ks001=ks1:;ks002=ks2:;vorlane=:;zn001=zn1:5zn2-6;|sv,", image());
 }
 
 TEST_F(Config, SettingsLeaveInFramesOfWholeLinesThenTheEndCommand) {

@@ -80,6 +80,40 @@ protected:
         return frames + "~0007FEC\x7f";
     }
 
+    // The snapshots the history lists, newest first, each as name, kind, date, time,
+    // model and settings; the list holds nothing else (no blanks either).
+    std::vector<Strings> history() {
+        static const std::regex entry(
+            R"re(\{"name":"([^"]*)","kind":"([^"]*)","date":"([^"]*)","time":"([^"]*)","model":"([^"]*)","settings":"(\d+)"\})re");
+        const std::string list = get("history");
+        std::vector<Strings> out;
+        std::string rebuilt;
+        for (std::sregex_iterator it(list.begin(), list.end(), entry), end; it != end; ++it) {
+            rebuilt += (rebuilt.empty() ? "" : ",") + it->str();
+            out.push_back(Strings(std::next(it->begin()), it->end()));
+        }
+        EXPECT_EQ(list, R"({"result":{"history":[)" + rebuilt + "]}}");
+        return out;
+    }
+    // The name of the newest snapshot of `kind`, waiting (bounded) for one; empty if none comes.
+    std::string newest(const std::string& kind) {
+        std::string name;
+        wait_for(
+            [&] {
+                for (const Strings& snapshot : history())
+                    if (snapshot[1] == kind) return !(name = snapshot[0]).empty();
+                return false;
+            },
+            5);
+        return name;
+    }
+    // The element of `key` in a configuration list; empty when it has none.
+    static std::string element_in(const std::string& list, const std::string& key) {
+        std::smatch found;
+        const std::regex element("\\{\"key\":\"" + key + "\",\"subvalues\":\\[[^\\]]*\\]\\}");
+        return std::regex_search(list, found, element) ? found.str() : "";
+    }
+
     // Polls the status until it shows `done`; returns each state seen in turn as the
     // three numbers `state` captures (status, ready flag, progress figure: "6 1 40").
     Strings watch(const std::string& done, const std::regex& state) {

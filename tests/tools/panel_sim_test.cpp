@@ -47,8 +47,8 @@ TEST_F(PanelLinkTest, EngineReadsConfigurationLogsAndEventsFromTheSimulator) {
     EXPECT_EQ("1234", parser.cfg["cs001"].second);
     EXPECT_EQ("1", parser.cfg["zn008"].second);  // from the range zn3:8
     EXPECT_EQ("MS02 v3.14", parser.cfg_sv);
-    // "bc-11" announces the 11 lines after it; "bc" itself counts too: 12 * 100 / 11.
-    EXPECT_EQ("109", parser.get_ready_text(&StatusDevice::progress_cfg));
+    // "bc-12" announces the 12 lines after it; "bc" itself counts too: 13 * 100 / 12.
+    EXPECT_EQ("108", parser.get_ready_text(&StatusDevice::progress_cfg));
     EXPECT_EQ(3u, parser.logs.size());
     EXPECT_EQ(3u, parser.events.size());
 }

@@ -175,7 +175,7 @@ std::vector<SimEvent> sim_event_memory(size_t count, uint32_t start) {
 PanelContent PanelContent::standard() {
     PanelContent content;
     content.config_lines = {
-        "SVMS02 v3.14", "td-ms02",  "zn1-5",    "zn2-5",      "zn3:8-1",
+        "SVMS02 v3.14", "td-MS02",  "vc-70",    "zn1-5",      "zn2-5",          "zn3:8-1",
         "ks1-07",       "cs1-1234", "rl1-1.30", "ws-Vorlane", "ss1-\"Hall\".2",
     };
     content.log_records = {

@@ -39,6 +39,7 @@ const char* usage =
     "  --events N           events in the event memory (default 250, at most 5080,\n"
     "                       what one transfer carries)\n"
     "  --reply-gap-ms N     pause between the frames of a log or events answer\n"
+    "  --settings N         further settings in the configuration (default 0, at most 20000)\n"
     "  --password TEXT      the panel's access password (others are refused); needs --cipher\n"
     "  --cipher FILE        cipher table file, as the engine's cipher.txt\n"
     "  --verbose            print every frame received and every chunk written\n"
@@ -53,6 +54,7 @@ const char* usage =
 constexpr int DEFAULT_LOG_RECORDS = 300;
 constexpr int MAX_LOG_RECORDS = 100000;
 constexpr int DEFAULT_EVENTS = 250;
+constexpr int MAX_EXTRA_SETTINGS = 20000;
 // The journal and the event memory begin on 01.06.2024 00:00:00 UTC.
 constexpr uint32_t MEMORY_START = 1717200000;
 
@@ -75,6 +77,7 @@ int parse_options(int argc, char** argv, PanelSimOptions& options, bool& verbose
                   ReplayChoice& replay) {
     int log_records = DEFAULT_LOG_RECORDS;
     int events = DEFAULT_EVENTS;
+    int settings = 0;
     for (int i = 1; i < argc; ++i) {
         std::string arg = argv[i];
         const char* next = i + 1 < argc ? argv[i + 1] : nullptr;
@@ -105,6 +108,8 @@ int parse_options(int argc, char** argv, PanelSimOptions& options, bool& verbose
             ++i;
         else if (arg == "--events" && read_number(next, events, static_cast<long>(SIM_MAX_EVENTS)))
             ++i;
+        else if (arg == "--settings" && read_number(next, settings, MAX_EXTRA_SETTINGS))
+            ++i;
         else if (arg == "--replay" && next != nullptr && *next != '\0')
             replay.file = argv[++i];
         else if (arg == "--fast")
@@ -120,6 +125,9 @@ int parse_options(int argc, char** argv, PanelSimOptions& options, bool& verbose
     replay.options.make_link = options.make_link;
     options.content.log_records = sim_journal(static_cast<size_t>(log_records), MEMORY_START);
     options.content.events = sim_event_memory(static_cast<size_t>(events), MEMORY_START);
+    // Outputs of a large panel: "ot<n>-1.1.0.60".
+    for (int n = 1; n <= settings; ++n)
+        options.content.config_lines.push_back("ot" + std::to_string(n) + "-1.1.0.60");
     return 1;
 }
 
