@@ -5,8 +5,9 @@
 // takes keeps its answer.
 #include "http/added_queries.h"
 
+#include "http/engine_info.h"
 #include "http/history_queries.h"
 
 bool answer_added_query(const std::string& target, std::stringstream& answer) {
-    return answer_history_query(target, answer);
+    return answer_history_query(target, answer) || answer_engine_info(target, answer);
 }
