@@ -55,15 +55,14 @@ export function showNote(text) {
 }
 
 // Runs an action with its button disabled; any error is shown, never dropped. The job (by
-// default the button's id) owns its messages: success removes its earlier error, a failure
-// replaces it and takes away the note the job itself put up ("connecting…").
+// default the button's id) owns its messages: a new run removes its earlier error, a failure
+// shows the new one and takes away the note the job itself put up ("connecting…").
 export async function guarded(button, action, job = button?.id ?? '') {
   if (button) button.disabled = true;
+  clearJob(job);
   const notesBefore = noteCount;
   try {
-    const result = await action();
-    clearJob(job);
-    return result;
+    return await action();
   } catch (error) {
     if (noteCount !== notesBefore) showNote('');
     showError(error instanceof api.ApiError ? error.message : t('err.engine', error.message || error), job);

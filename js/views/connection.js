@@ -6,7 +6,7 @@ import { $, h, askPassword, guarded, linkWords, showNote, sleep } from '../ui.js
 const PASSWORD_WAIT_MS = 10000;
 let root;
 let ctxOf = null;
-let shownPorts = '';
+let shownPorts = null;  // the list as last shown
 // The port of the last connect and whether the port list showed it then; the reason the
 // link closed when the console offers to connect again ('' when it does not).
 const last = { port: '', listed: false, lastStatus: 0, offer: '', expect: '' };
@@ -145,7 +145,7 @@ export default {
   init(section, ctx) {
     root = section;
     ctxOf = ctx;
-    shownPorts = '';
+    shownPorts = null;
     section.append(
       h('h2', { id: 'h-connection' }, t('view.connection')),
       h('div', { class: 'fields' },
