@@ -1,8 +1,10 @@
 // What the status polls saw this session: the values that move, as numbers, kept for the charts (bounded).
 
-// An hour at one poll a second, and never more samples than that, however fast statuses come.
+// An hour at one poll a second. Statuses that come faster (a transfer is followed five times a
+// second) are kept at most two a second, so the bound always holds at least 30 minutes.
 export const KEEP_MS = 60 * 60 * 1000;
 export const MAX_SAMPLES = 3600;
+const MIN_GAP_MS = 500;
 
 // The panel's text as a number: "87%" is 87, "-150" is -150; null when it holds no number.
 export function number(text) {
@@ -17,6 +19,7 @@ const zoneNumbers = new Set();
 // Keeps the values of one status record, stamped with the clock now.
 export function record(status, now = Date.now()) {
   if (!status || status.status === 1 || status.status === 10) return;
+  if (samples.length && now - samples[samples.length - 1].t < MIN_GAP_MS) return;
   const zones = new Map();
   for (const zone of status.lm ?? []) {
     const value = number(zone.R);

@@ -128,6 +128,7 @@ function chooseZones() {
 export default {
   init(section, ctx) {
     root = section;
+    for (const c of charts) dropChart(c.chart);
     charts = [];
     chartedZones = '';
     section.append(h('h2', { id: 'h-status' }, t('st.title')),
