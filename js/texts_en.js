@@ -247,6 +247,7 @@ export const en = {
   'ev.classother': 'others',
   'ev.from': 'From',
   'ev.to': 'To',
+  'ev.daysHint': 'The filter\'s days are the browser\'s time zone; dates and times in the table are UTC, as the engine gives them.',
   'ev.count': 'Events: {0} of {1}',
   'ev.perDay': 'Events per day',
   'ev.top': 'The ten most frequent codes',
