@@ -1,6 +1,7 @@
-// The console's shell: labels, the live status from the polling worker, and switching between views.
-import { t, translate } from './texts.js';
+// The console's shell: labels and language, the live status from the polling worker, what the engine can do, and switching between views.
+import { language, setLanguage, t, translate } from './texts.js';
 import * as api from './api.js';
+import * as telemetry from './telemetry.js';
 import { $, linkWords, showError, showNote } from './ui.js';
 import connection from './views/connection.js';
 import status from './views/status.js';
@@ -10,17 +11,20 @@ import firmware from './views/firmware.js';
 import tools from './views/tools.js';
 
 const views = { connection, status, config, logs, firmware, tools };
+const LANGUAGE_KEY = 'vorcore.language';
 
-// The latest status record and who wants to hear about new ones.
+// The latest status record and who wants to hear about new ones (one listener per name,
+// so that a view built again replaces its listener).
 const store = {
   status: null,
-  listeners: new Set(),
+  listeners: new Map(),
   publish(s) {
     this.status = s;
-    for (const listener of this.listeners) listener(s);
+    telemetry.record(s);
+    for (const listener of this.listeners.values()) listener(s);
   },
-  subscribe(listener) {
-    this.listeners.add(listener);
+  subscribe(listener, name = listener) {
+    this.listeners.set(name, listener);
   },
   // Asks for the status now (not waiting for the worker's next poll) and shares it.
   async next() {
@@ -44,7 +48,7 @@ let engineLost = false;
 const worker = new Worker('/status_worker.js');
 worker.onmessage = ({ data }) => {
   if (data.error) {
-    if (!engineLost) showError(t('engine.lost', data.error));
+    if (!engineLost) showError(t('engine.lost', data.error), 'engine');
     engineLost = true;
     return;
   }
@@ -52,9 +56,21 @@ worker.onmessage = ({ data }) => {
   engineLost = false;
   store.publish(data.status);
 };
-store.subscribe(showLink);
+store.subscribe(showLink, 'link');
 
-const ctx = { store };
+// What the engine can do: an engine that does not answer engineinfo can do everything.
+const info = { cipher: true, history: true };
+async function askEngineInfo() {
+  try {
+    const answer = await api.query('engineinfo');
+    info.cipher = answer?.result?.cipher !== '0';
+    info.history = answer?.result?.history !== '0';
+  } catch {
+    // an older engine: nothing to hide
+  }
+}
+
+const ctx = { store, info };
 let current = null;
 let switchCount = 0;
 
@@ -77,15 +93,48 @@ async function open(name) {
   try {
     await views[name].show(ctx);
   } catch (error) {
-    showError(error.message || String(error));
+    showError(error.message || String(error), `view-${name}`);
   }
   section.dataset.shown = String(number);
   performance.mark(`view-ready:${name}:${number}`);
 }
 
-translate(document);
-document.title = t('app.title');
-for (const [name, view] of Object.entries(views)) view.init($(`#view-${name}`), ctx);
+// Labels of the page and of every view in the chosen language; the views keep their data.
+function build() {
+  document.documentElement.lang = language();
+  translate(document);
+  document.title = t('app.title');
+  $('#lang-select').value = language();
+  for (const [name, view] of Object.entries(views)) {
+    const section = $(`#view-${name}`);
+    section.replaceChildren();
+    view.init(section, ctx);
+  }
+}
+
+function chooseLanguage(name) {
+  try {
+    localStorage.setItem(LANGUAGE_KEY, name);
+  } catch {
+    // storage refused (private mode): the choice lasts for this page
+  }
+  setLanguage(name);
+  showNote('');
+  build();
+  if (store.status) store.publish(store.status);
+  if (current) open(current);
+}
+
+let remembered = null;
+try {
+  remembered = localStorage.getItem(LANGUAGE_KEY);
+} catch {
+  remembered = null;
+}
+setLanguage(remembered ?? 'ru');
+await askEngineInfo();
+build();
+$('#lang-select').addEventListener('change', (e) => chooseLanguage(e.currentTarget.value));
 window.addEventListener('hashchange', () => open(location.hash.slice(1)));
 if (location.hash) {
   open(location.hash.slice(1));
@@ -93,5 +142,5 @@ if (location.hash) {
   // A connected panel opens on its status, otherwise on the connection page.
   store.next().then(
     (s) => { location.hash = s.status === 1 || s.status === 10 ? '#connection' : '#status'; },
-    (error) => { showError(error.message); location.hash = '#connection'; });
+    (error) => { showError(error.message, 'engine'); location.hash = '#connection'; });
 }

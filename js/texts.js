@@ -1,4 +1,5 @@
-// Every text the console shows, one table per language: another language is one more table.
+// Every text the console shows, one table per language (English in texts_en.js): another language is one more table.
+import { en } from './texts_en.js';
 
 const ru = {
   'app.title': 'Vorlane — консоль настройки',
@@ -10,6 +11,7 @@ const ru = {
   'view.logs': 'Журнал и события',
   'view.firmware': 'Прошивка',
   'view.tools': 'Команды',
+  'lang.label': 'Язык',
 
   'link.label': 'Связь с прибором',
   'link.unknown': 'нет данных',
@@ -26,6 +28,7 @@ const ru = {
   'link.other': 'Состояние {0}',
   'engine.lost': 'Движок не отвечает: {0}',
   'engine.back': 'Связь с движком восстановлена',
+  'cipher.missing': 'Нет файла шифра: пароль доступа и файлы .cry недоступны',
 
   'conn.ports': 'Порт прибора',
   'conn.noPorts': 'портов не найдено',
@@ -41,6 +44,11 @@ const ru = {
   'conn.badPort': 'Путь порта должен начинаться с /dev/ и не содержать пробелов, «&» и «#»',
   'conn.record': 'Скачать запись обмена',
   'conn.recordSaved': 'Запись обмена сохранена: {0}',
+  'reconnect.restart': 'Прибор перезапускается: связь с ним закрыта, как и должно быть.',
+  'reconnect.reset': 'Прибор сброшен: связь с ним закрыта, как и должно быть.',
+  'reconnect.lost': 'Связь с прибором потеряна.',
+  'reconnect.button': 'Подключить снова к {0}',
+  'reconnect.waiting': 'Подключить снова можно, когда порт {0} появится в списке портов.',
 
   'pass.title': 'Пароль доступа к прибору',
   'pass.cryTitle': 'Пароль файла .cry',
@@ -82,6 +90,21 @@ const ru = {
   'st.value': 'Значение',
   'st.tamperCol': 'Тампер',
   'st.empty': 'нет данных',
+  'chart.title': 'Графики',
+  'chart.hint': 'Значения, полученные консолью за этот сеанс (последний час). Наведите указатель на график, чтобы увидеть время и значение.',
+  'chart.time': 'Время',
+  'chart.day': 'День',
+  'chart.power': 'Питание: значение',
+  'chart.powerValue': 'Питание',
+  'chart.gsm': 'Уровень GSM, %',
+  'chart.gsmValue': 'GSM, %',
+  'chart.temp': 'Температура',
+  'chart.tempValue': 'Температура',
+  'chart.zones': 'Значения зон',
+  'chart.zone': 'Зона {0}',
+  'chart.chooseZones': 'Выбрать зоны для графика',
+  'chart.noValues': 'Прибор не сообщал этого значения',
+  'chart.events': 'Событий',
   'ext.0': 'нет',
   'ext.1': 'подключён',
   'ext.2': 'неисправность',
@@ -108,6 +131,7 @@ const ru = {
   'cfg.export': 'Экспорт config.ini',
   'cfg.exported': 'Сохранён config.ini ({0} байт)',
   'cfg.import': 'Импорт файла (config.ini или .cry)',
+  'cfg.importIni': 'Импорт файла config.ini',
   'cfg.imported': 'Файл загружен: {0} настроек',
   'cfg.importEmpty': 'В файле нет настроек',
   'cfg.cryRejected': 'Файл .cry не принят: неверный формат',
@@ -131,8 +155,10 @@ const ru = {
   'cfg.checkWritten': 'Записано',
   'cfg.checkPanel': 'В приборе',
   'cfg.keepAsk': 'Конфигурация ещё не записана в прибор. «{0}» очистит её, но она останется в истории как «Сохранена перед очисткой». Чтобы записать её в прибор: прочитайте конфигурацию из прибора, в истории у этого снимка нажмите «Сравнить», затем «Записать отличия». Продолжить?',
+  'cfg.loseAsk': 'Конфигурация ещё не записана в прибор, а история конфигураций недоступна: «{0}» очистит её безвозвратно. Продолжить?',
 
   'hist.title': 'История конфигураций',
+  'hist.missing': 'История конфигураций недоступна: движок не может сохранять снимки (причина в его выводе).',
   'hist.caption': 'Снимки конфигурации, новые сверху',
   'hist.empty': 'Снимков нет: они появляются при чтении, записи, загрузке файла или шаблона и перед очисткой конфигурации',
   'hist.when': 'Дата и время',
@@ -150,7 +176,7 @@ const ru = {
   'hist.open': 'Открыть',
   'hist.download': 'Скачать',
   'hist.compareFor': 'Сравнить снимок {0} с конфигурацией в движке',
-  'hist.writeFor': 'Записать в прибор отличия снимка {0}',
+  'hist.writeFor': 'Записать отличия снимка {0} в прибор',
   'hist.openFor': 'Открыть снимок {0} как файл',
   'hist.downloadFor': 'Скачать снимок {0}',
   'hist.filter': 'Фильтр сравнения по ключу',
@@ -184,10 +210,19 @@ const ru = {
   'log.type': 'Тип',
   'log.text': 'Сообщение',
   'log.ER': 'Ошибка',
-  'log.MS': 'Сообщение',
+  'log.MS': 'Информация',
   'log.other': 'Предупреждение',
   'log.empty': 'Записей нет',
   'log.page': 'Записи {0}–{1} из {2}',
+  'log.search': 'Поиск в тексте',
+  'log.count': 'Записей: {0} из {1}',
+  'list.newest': 'Новые сверху',
+  'filter.title': 'Фильтры',
+  'filter.any': 'все',
+  'filter.clear': 'Сбросить фильтры',
+  'page.first': 'В начало',
+  'page.last': 'В конец',
+  'page.range': '{0}–{1} из {2}',
   'page.prev': 'Назад',
   'page.next': 'Далее',
   'ev.title': 'События прибора',
@@ -204,6 +239,22 @@ const ru = {
   'ev.rnet': 'Радиосеть',
   'ev.id': 'ID',
   'ev.empty': 'Событий нет',
+  'ev.letter': 'Событие или восстановление',
+  'ev.letterE': 'событие (E)',
+  'ev.letterR': 'восстановление (R)',
+  'ev.class': 'Класс кода',
+  'ev.class1': 'тревоги (1xx)',
+  'ev.class2': 'контроль (2xx)',
+  'ev.class3': 'неисправности (3xx)',
+  'ev.class4': 'снятие и взятие (4xx)',
+  'ev.classother': 'прочие',
+  'ev.from': 'С даты',
+  'ev.to': 'По дату',
+  'ev.daysHint': 'Дни фильтра считаются по часовому поясу браузера; дата и время в таблице — UTC, как их сообщает движок.',
+  'ev.count': 'Событий: {0} из {1}',
+  'ev.perDay': 'Событий по дням',
+  'ev.top': 'Десять самых частых кодов',
+  'ev.times': 'Сколько раз',
 
   'fw.title': 'Обновление прошивки',
   'fw.file': 'Файл прошивки',
@@ -213,6 +264,11 @@ const ru = {
   'fw.upload': 'Загрузить в прибор',
   'fw.progress': 'Передача прошивки',
   'fw.ok': 'Прошивка загружена успешно',
+  'fw.okIn': 'Прошивка загружена успешно за {0} с',
+  'fw.size': 'Размер: {0} байт, блоков: {1}',
+  'fw.pace': 'Передано блоков: {0} из {1} · прошло {2} с · {3}',
+  'fw.left': 'осталось примерно {0} с',
+  'fw.estimating': 'оценка появится после первого блока',
   'fw.failed': 'Загрузка прошивки не удалась',
   'fw.noFile': 'Выберите файл прошивки',
   'fw.tooBig': 'Файл слишком велик для передачи (больше 8 МиБ)',
@@ -220,7 +276,9 @@ const ru = {
 
   'tools.title': 'Команды прибора',
   'tools.run': 'Выполнить',
+  'tools.runFor': 'Выполнить: {0}',
   'tools.sent': 'Команда «{0}» отправлена',
+  'tools.closing': 'Команда «{0}» отправлена: когда прибор её примет, связь закроется',
   'tools.ask': 'Выполнить «{0}»? Прибор будет перезапущен или сброшен.',
   'tools.badValue': 'Неверное значение: {0}',
   'cmd.21': 'Перезапуск прибора (RE)',
@@ -254,13 +312,20 @@ const ru = {
   'err.busy': 'Дождитесь конца текущей операции',
 };
 
-const tables = { ru };
+const tables = { ru, en };
+// A language's whole table (the console test checks the page against it).
+export const tableOf = (name) => tables[name];
 let current = ru;
+let currentName = 'ru';
 
 // Chooses the language; unknown names keep the current one.
 export function setLanguage(name) {
-  if (tables[name]) current = tables[name];
+  if (!tables[name]) return;
+  current = tables[name];
+  currentName = name;
 }
+
+export const language = () => currentName;
 
 // The text for a key with {0}, {1}... replaced by the arguments; the key itself when missing.
 export function t(key, ...args) {

@@ -31,27 +31,41 @@ export function table(caption, headings, rows, emptyText = t('st.empty')) {
     h('tbody', {}, rows.map((cells) => h('tr', {}, cells.map((cell) => h('td', {}, cell))))));
 }
 
-// ---- Messages: errors stay until closed, notes replace each other.
+// ---- Messages: an error belongs to the job (a button's id) that caused it and stays until
+// closed or until the next outcome of the same job; notes replace each other.
 
-export function showError(text) {
+export function clearJob(job) {
+  if (!job) return;
+  for (const item of document.querySelectorAll('#errors li')) if (item.dataset.job === job) item.remove();
+}
+
+export function showError(text, job = '') {
   const list = $('#errors');
-  const item = h('li', { class: 'error' }, h('span', {}, text),
+  clearJob(job);
+  const item = h('li', { class: 'error', 'data-job': job || false }, h('span', {}, text),
     h('button', { type: 'button', class: 'close', 'aria-label': t('msg.close'), onclick: () => item.remove() }, '×'));
   list.append(item);
   while (list.children.length > 5) list.firstElementChild.remove();
 }
 
+let noteCount = 0;
 export function showNote(text) {
+  noteCount += 1;
   $('#note').textContent = text;
 }
 
-// Runs an action with its button disabled; any error is shown, never dropped.
-export async function guarded(button, action) {
+// Runs an action with its button disabled; any error is shown, never dropped. The job (by
+// default the button's id) owns its messages: a new run removes its earlier error, a failure
+// shows the new one and takes away the note the job itself put up ("connecting…").
+export async function guarded(button, action, job = button?.id ?? '') {
   if (button) button.disabled = true;
+  clearJob(job);
+  const notesBefore = noteCount;
   try {
     return await action();
   } catch (error) {
-    showError(error instanceof api.ApiError ? error.message : t('err.engine', error.message || error));
+    if (noteCount !== notesBefore) showNote('');
+    showError(error instanceof api.ApiError ? error.message : t('err.engine', error.message || error), job);
     return undefined;
   } finally {
     if (button) button.disabled = false;
@@ -93,7 +107,7 @@ export async function askPassword(title) {
   }
 }
 
-// ---- Progress
+// ---- Progress: shown while a transfer runs, hidden once its result is on screen.
 
 export function progressBar(id, label) {
   return h('div', { class: 'progress', id, hidden: true },
@@ -108,6 +122,19 @@ export function setProgress(box, percent, label) {
   if (label) $('label', box).textContent = label;
   $('progress', box).value = value;
   $('.percent', box).textContent = `${value}%`;
+}
+
+export function endProgress(box) {
+  box.hidden = true;
+}
+
+// Runs a transfer with its progress bar, which goes away whatever the outcome.
+export async function withProgress(box, transfer) {
+  try {
+    return await transfer();
+  } finally {
+    endProgress(box);
+  }
 }
 
 // ---- Following a long exchange through the status record
@@ -140,4 +167,30 @@ export async function follow({ title, done, progress = () => 0, failed = () => '
 // Reads a chosen file as bytes.
 export async function fileBytes(file) {
   return new Uint8Array(await file.arrayBuffer());
+}
+
+// ---- Paging and measuring
+
+// First, previous, next and last page of `total` items, PAGE at a time, and the range shown.
+export function pager(prefix, first, size, shown, total, onMove) {
+  const last = Math.max(0, Math.floor((total - 1) / size) * size);
+  const move = (id, label, to, disabled) => h('button', { type: 'button', id: `${prefix}-${id}`, disabled, onclick: () => onMove(to) }, label);
+  return h('div', { class: 'pager' },
+    move('first', t('page.first'), 0, first === 0),
+    move('prev', t('page.prev'), Math.max(0, first - size), first === 0),
+    h('span', { id: `${prefix}-range` }, shown ? t('page.range', first + 1, first + shown, total) : ''),
+    move('next', t('page.next'), first + size, first + size >= total),
+    move('last', t('page.last'), last, first >= last));
+}
+
+// Marks, for the load figures, when a step began and when its result was on screen.
+let marks = 0;
+export async function timed(name, step) {
+  const number = ++marks;
+  performance.mark(`${name}-open:${number}`);
+  try {
+    return await step();
+  } finally {
+    performance.mark(`${name}-ready:${number}`);
+  }
 }

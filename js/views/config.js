@@ -2,7 +2,7 @@
 import { t } from '../texts.js';
 import * as api from '../api.js';
 import { FRAME_KEYS, settingsOf, writeMismatches } from '../compare.js';
-import { $, h, askPassword, confirmAction, fileBytes, follow, guarded, progressBar, setProgress, showError, showNote } from '../ui.js';
+import { $, h, askPassword, confirmAction, fileBytes, follow, guarded, progressBar, setProgress, showError, showNote, withProgress } from '../ui.js';
 import { historyPanel, refresh as refreshHistory } from './config_history.js';
 
 // Model files shipped in devs/ (any other name may be typed).
@@ -15,6 +15,7 @@ const changed = new Map();  // key -> values[] edited here and not yet sent
 let pendingSend = false;    // a file or template was loaded: the engine holds settings to write
 let loadedSettings = null;  // key -> values[] of that load: what the next write sends
 let filterTimer = 0;
+let info = { cipher: true, history: true };  // what the engine can do (engineinfo)
 
 // ---- Encoding rules of the configuration JSON
 
@@ -106,7 +107,7 @@ async function readFromPanel(ctx) {
   clearCheck();
   await panelJob(ctx, 32, 4, t('cfg.reading'));
   showNote(t('cfg.readDone', await loadTable()));
-  await refreshHistory();
+  if (info.history) await refreshHistory();
 }
 
 // Sends a configuration command and follows its progress while the status shows it busy.
@@ -119,11 +120,10 @@ async function panelJob(ctx, command, busyStatus, title) {
 async function followJob(ctx, busyStatus, title) {
   const box = $('#cfg-progress', root);
   setProgress(box, 0, title);
-  await follow({
+  await withProgress(box, () => follow({
     title, done: (s) => s.status !== busyStatus, progress: (s) => s.progress?.cfg,
     failed: linkFailure, onStatus: (s) => { ctx.store.publish(s); setProgress(box, s.progress?.cfg); },
-  });
-  setProgress(box, 100);
+  }));
   changed.clear();
   pendingSend = false;
   loadedSettings = null;
@@ -156,7 +156,7 @@ async function pushEdits() {
 async function keepUnwritten(action) {
   if (changed.size === 0 && !pendingSend) return true;
   edits();
-  if (!(await confirmAction(t('cfg.keepAsk', action)))) return false;
+  if (!(await confirmAction(t(info.history ? 'cfg.keepAsk' : 'cfg.loseAsk', action)))) return false;
   await pushEdits();
   pendingSend = false;
   loadedSettings = null;
@@ -217,7 +217,7 @@ async function checkWrite(ctx, written) {
     else showNote(text);
   }
   await loadTable();
-  await refreshHistory();
+  if (info.history) await refreshHistory();
 }
 
 async function fetchUpdates() {
@@ -274,6 +274,7 @@ async function importFile(ctx, input) {
   input.value = '';
   await pushEdits();
   const cry = file.name.toLowerCase().endsWith('.cry');
+  if (cry && !info.cipher) throw new api.ApiError(t('cipher.missing'));
   const bytes = cry ? await fileBytes(file) : normalisedConfigFile(await fileBytes(file));
   if (api.uploadProblem(bytes)) throw new api.ApiError(t('err.upload'));
   if (cry) {
@@ -299,7 +300,7 @@ async function loaded() {
   pendingSend = true;
   loadedSettings = settingsOf((await api.query('configstate='))?.result?.config);
   const count = await loadTable();
-  await refreshHistory();
+  if (info.history) await refreshHistory();
   return count;
 }
 
@@ -338,14 +339,16 @@ function button(id, label, action) {
 export default {
   init(section, ctx) {
     root = section;
-    const fileInput = h('input', { id: 'cfg-file', type: 'file', accept: '.ini,.cry,.txt', onchange: (e) => guarded(null, () => importFile(ctx, e.currentTarget)) });
+    info = ctx.info;
+    const fileInput = h('input', { id: 'cfg-file', type: 'file', accept: info.cipher ? '.ini,.cry,.txt' : '.ini,.txt',
+      onchange: (e) => guarded(null, () => importFile(ctx, e.currentTarget), 'cfg-file') });
     section.append(
       h('h2', { id: 'h-config' }, t('cfg.title')),
       h('div', { class: 'buttons' },
         button('cfg-read', t('cfg.read'), () => readFromPanel(ctx)),
         button('cfg-write', t('cfg.write'), () => writeToPanel(ctx)),
         button('cfg-export', t('cfg.export'), exportFile),
-        h('label', { class: 'file', for: 'cfg-file' }, t('cfg.import')), fileInput,
+        h('label', { class: 'file', for: 'cfg-file' }, t(info.cipher ? 'cfg.import' : 'cfg.importIni')), fileInput,
         h('label', { class: 'check' }, h('input', { id: 'cfg-verify', type: 'checkbox', checked: true }), t('cfg.verify'))),
       progressBar('cfg-progress', t('cfg.reading')),
       h('div', { id: 'cfg-check', role: 'status' }),
@@ -363,19 +366,20 @@ export default {
       h('div', { class: 'fields' },
         h('label', { for: 'cfg-filter' }, t('cfg.filter')),
         h('input', { id: 'cfg-filter', type: 'search', placeholder: t('cfg.filterHint'), autocomplete: 'off', spellcheck: 'false',
-          oninput: () => { clearTimeout(filterTimer); filterTimer = setTimeout(() => guarded(null, () => loadTable()), 300); } })),
-      historyPanel({
+          oninput: () => { clearTimeout(filterTimer); filterTimer = setTimeout(() => guarded(null, () => loadTable(), 'cfg-filter'), 300); } })),
+      ...(info.cipher ? [] : [h('p', { class: 'warning' }, t('cipher.missing'))]),
+      info.history ? historyPanel({
         follow: (busy, title) => { clearCheck(); return followJob(ctx, busy, title); },
         checkWrite: (written) => checkWrite(ctx, written),
         loaded,
-      }),
+      }) : h('p', { id: 'hist-missing', class: 'warning' }, t('hist.missing')),
       h('div', { id: 'cfg-body' }));
-    ctx.store.subscribe((s) => { $('#cfg-update', root).hidden = s.update !== true; });
+    ctx.store.subscribe((s) => { $('#cfg-update', root).hidden = s.update !== true; }, 'config');
     ctx.keepUnwritten = keepUnwritten;
   },
   async show() {
     await loadTable();
-    guarded(null, refreshDisks);
-    guarded(null, refreshHistory);
+    guarded(null, refreshDisks, 'cfg-disks');
+    if (info.history) guarded(null, refreshHistory, 'hist');
   },
 };

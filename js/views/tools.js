@@ -3,11 +3,13 @@
 import { t } from '../texts.js';
 import * as api from '../api.js';
 import { confirmAction, guarded, h, showNote } from '../ui.js';
+import { expectClose } from './connection.js';
 
-// n: command number; key: its parameter; lengths: allowed value lengths (null: any, 1 to 200).
+// n: command number; key: its parameter; lengths: allowed value lengths (null: any, 1 to 200);
+// closes: the panel restarts or resets, and the link closes once it has acknowledged.
 export const COMMANDS = [
-  { n: 21, confirm: true },
-  { n: 22, confirm: true },
+  { n: 21, confirm: true, closes: 'restart' },
+  { n: 22, confirm: true, closes: 'reset' },
   { n: 23, key: 'pass', lengths: [6] },
   { n: 41, key: 'speed', lengths: [1] },
   { n: 42 },
@@ -33,8 +35,15 @@ async function run(command, input) {
   const value = input ? input.value.trim() : '';
   if (input && !valueFits(command, value)) throw new api.ApiError(t('tools.badValue', label));
   if (command.confirm && !(await confirmAction(t('tools.ask', label)))) return;
-  await api.command(command.n, command.key ? `&${command.key}=${value}` : '');
-  showNote(t('tools.sent', label));
+  // The panel acknowledges a restart or reset, then the engine closes the link.
+  if (command.closes) expectClose(command.closes);
+  try {
+    await api.command(command.n, command.key ? `&${command.key}=${value}` : '');
+  } catch (error) {
+    if (command.closes) expectClose('');
+    throw error;
+  }
+  showNote(command.closes ? t('tools.closing', label) : t('tools.sent', label));
 }
 
 function row(command) {
@@ -43,7 +52,7 @@ function row(command) {
     ? h('input', { id: `cmd-${command.n}-value`, type: 'text', autocomplete: 'off', spellcheck: 'false',
       'aria-label': t('cmd.value', label), maxlength: command.lengths ? Math.max(...command.lengths) : 200 })
     : null;
-  const button = h('button', { type: 'submit', id: `cmd-${command.n}`, 'aria-label': `${t('tools.run')}: ${label}` }, t('tools.run'));
+  const button = h('button', { type: 'submit', id: `cmd-${command.n}`, 'aria-label': t('tools.runFor', label) }, t('tools.run'));
   return h('form', { class: 'command', onsubmit: (e) => { e.preventDefault(); guarded(button, () => run(command, input)); } },
     h('span', { class: 'label', id: `cmd-${command.n}-label` }, label), input ?? h('span'), button);
 }

@@ -5,9 +5,11 @@
 // takes keeps its answer.
 #include "http/added_queries.h"
 
+#include "http/engine_info.h"
 #include "http/history_queries.h"
 #include "http/link_record_download.h"
 
 bool answer_added_query(const std::string& target, std::stringstream& answer) {
-    return answer_history_query(target, answer) || answer_link_record(target, answer);
+    return answer_history_query(target, answer) || answer_link_record(target, answer) ||
+           answer_engine_info(target, answer);
 }

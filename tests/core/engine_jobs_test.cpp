@@ -188,6 +188,31 @@ TEST_F(Jobs, RestartClosesTheLinkOnItsOwnReceipt) {
     engine_->exit_cleanly();
 }
 
+// engineinfo tells the console what cannot work: the cipher file loaded at start and the history
+// usable (its folder made at start), then history "0" once a snapshot cannot be written (the folder
+// was removed under the engine). Without a cipher file and with a history/ that is no folder, both
+// flags are "0" from the start; the target must be exact.
+TEST_F(Jobs, EngineInfoSaysWhetherTheCipherAndTheHistoryWork) {
+    EXPECT_EQ(get("engineinfo"), engine_info('1', '1'));
+    fs::create_directories(dir_.path() + "/devs");
+    std::ofstream(dir_.path() + "/devs/MS02.ini") << "Vorlane-MS02\r\nfe\r\ntd-MS02\r\nzn1-5\r\n";
+    fs::remove_all(dir_.path() + "/history/" + std::to_string(getuid()));
+    EXPECT_EQ(get("cmd=1&devtype=MS02"), ok_body);
+    EXPECT_TRUE(engine_->printed(" failed (No such file or directory)\n")) << engine_->console();
+    EXPECT_EQ(get("engineinfo"), engine_info('1', '0'));
+    engine_->exit_cleanly();
+
+    TempDir bare;
+    std::ofstream(bare.path() + "/history") << "not a folder";
+    EngineProcess without(bare);
+    ASSERT_NE(without.port(), 0) << without.console();
+    EXPECT_TRUE(without.printed("Cipher file cipher.txt not usable (")) << without.console();
+    EXPECT_EQ(body_of(without.get("engineinfo")), engine_info('0', '0'));
+    EXPECT_EQ(without.get("engineinfo&x"), not_found_answer);
+    EXPECT_EQ(without.get("engineinfo="), not_found_answer);
+    without.exit_cleanly();
+}
+
 // A configuration write of 2,000 lines goes out whole, although single commands are bounded at
 // 256 (all 256 queued behind it are taken, the next refused with a console line). Then the panel
 // is unplugged with commands, a restart, a password block and firmware blocks queued, a receipt

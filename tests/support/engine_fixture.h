@@ -38,6 +38,11 @@ protected:
         return body_of(
             engine_->request(local_post(engine_->port(), "/tuning/device?id=-1&" + query, content)));
     }
+    // The engineinfo answer body for the two flags ('1' usable, '0' not).
+    static std::string engine_info(char cipher, char history) {
+        return std::string(R"({"result":{"version":"5.2.22","cipher":")") + cipher + R"(","history":")" +
+               history + "\"}}";
+    }
     // Polls the status (bounded) until it shows every fragment.
     bool status_shows(const Strings& fragments, double seconds = 10) {
         return wait_for(
