@@ -5,6 +5,6 @@
 // takes keeps its answer.
 #include "http/added_queries.h"
 
-bool answer_added_query(const std::string& /*target*/, std::stringstream& /*answer*/) {
+bool answer_added_query(const std::string& /*target*/, AnswerStream& /*answer*/) {
     return false;
 }

@@ -19,25 +19,25 @@ bool contains(const std::string& text, const std::string& part) {
     return text.find(part) != std::string::npos;
 }
 
-void answer_unknown_query(const std::string& target, std::stringstream& answer) {
+void answer_unknown_query(const std::string& target, AnswerStream& answer) {
     json.put(DM_IN_SRC, ("GET UNKNOWN QUERY: " + target).c_str(), nullptr);
     set_error(answer);
 }
 
-void answer_status(std::stringstream& answer) {
+void answer_status(AnswerStream& answer) {
     if (parser.get_status() == 1) parser.status_dev.get_ports();
     std::string out;
     parser.status_to_json(out);
     set_response_json(answer, out);
 }
 
-void answer_update_status(std::stringstream& answer) {
+void answer_update_status(AnswerStream& answer) {
     std::string out;
     parser.update_cfg_to_json(out);
     set_response_json(answer, out);
 }
 
-void answer_config_state(const std::string& target, std::stringstream& answer) {
+void answer_config_state(const std::string& target, AnswerStream& answer) {
     std::string mask = target.substr(target.rfind('=') + 1);
     std::string out;
     if (mask.empty())
@@ -47,7 +47,7 @@ void answer_config_state(const std::string& target, std::stringstream& answer) {
     set_response_json(answer, out);
 }
 
-void answer_messages(std::stringstream& answer) {
+void answer_messages(AnswerStream& answer) {
     std::string out;
     parser.dev_events_to_json(out);
     set_response_json(answer, out);
@@ -55,7 +55,7 @@ void answer_messages(std::stringstream& answer) {
 }
 
 // "getlog&record=<first>&...=<count>": false when no "&" follows "record=".
-bool answer_log_page(const std::string& target, std::stringstream& answer) {
+bool answer_log_page(const std::string& target, AnswerStream& answer) {
     const std::string key = api_prefix + "getlog&record=";
     size_t found = target.find(key);
     if (found == std::string::npos) return false;
@@ -72,28 +72,28 @@ bool answer_log_page(const std::string& target, std::stringstream& answer) {
     return true;
 }
 
-void answer_version(std::stringstream& answer) {
+void answer_version(AnswerStream& answer) {
     set_response_json(answer, std::string("{ \"result\":{\"version\":\"") + engine_version + "\"} }");
 }
 
-void answer_disks(std::stringstream& answer) {
+void answer_disks(AnswerStream& answer) {
     std::string out;
     parser.getdisk_to_json(out);
     set_response_json(answer, out);
 }
 
-void answer_exit(std::stringstream& answer) {
+void answer_exit(AnswerStream& answer) {
     set_response_json(answer, json_ok);
     is_exit = true;
 }
 
 // A static file; a target that could lead outside "js" is an unknown query.
-void answer_file(const std::string& target, BodyBuilder build, std::stringstream& answer) {
+void answer_file(const std::string& target, BodyBuilder build, AnswerStream& answer) {
     if (!answer_static_file(target, build, answer)) answer_unknown_query(target, answer);
 }
 
 // The original rules, in their order; false when none matches the target.
-bool answer_original_rule(const std::string& target, std::stringstream& answer) {
+bool answer_original_rule(const std::string& target, AnswerStream& answer) {
     if (target == api_prefix + "statusdevice") {
         answer_status(answer);
         return true;
@@ -144,7 +144,7 @@ bool answer_original_rule(const std::string& target, std::stringstream& answer) 
 
 }  // namespace
 
-void parse_get_query(const std::string& target, std::stringstream& answer) {
+void parse_get_query(const std::string& target, AnswerStream& answer) {
     if (answer_original_rule(target, answer)) return;
     if (answer_added_query(target, answer)) return;
     answer_unknown_query(target, answer);

@@ -279,7 +279,6 @@ int missing_body_bytes(const HttpRequest& request, const parsing_result& result)
     return static_cast<int>(missing);
 }
 
-int parse(char* buf, int len, std::stringstream& answer, parsing_result& result) {
-    answer.clear();
+int parse(char* buf, int len, AnswerStream& answer, parsing_result& result) {
     return route_request(read_request(buf, len), answer, result);
 }

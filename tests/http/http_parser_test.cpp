@@ -14,7 +14,7 @@ using namespace harness;
 // Parses `request`; returns the answer and passes back the record, the body bytes still expected and the
 // console output.
 std::string parse_answer(std::string request, parsing_result& result, int& missing, std::string& console) {
-    std::stringstream answer;
+    AnswerStream answer;
     console = printed_by(
         [&] { missing = parse(request.data(), static_cast<int>(request.size()), answer, result); });
     return answer.str();
@@ -52,7 +52,7 @@ TEST(StrToBin, DecodesUtf8OfLatin1BytesAndAppends) {
 TEST(Parse, PostIsAcceptedForUploadCommandsFromLocalOriginsOnly) {
     std::string config;
     parser.cfg_to_file(config);
-    std::stringstream download;
+    AnswerStream download;
     set_response_cfg_file(download, config);
     const std::string ok = json_answer(json_ok), forbidden = forbidden_answer;
     const std::string upload = "/tuning/device?id=-1&cmd=71";
