@@ -76,12 +76,14 @@ bool settled(const struct stat& about) {
     return ns_of(now) - ns_of(about.st_mtim) > settle_ns && ns_of(now) - ns_of(about.st_ctim) > settle_ns;
 }
 
-void hold(const std::string& path, const struct stat& about, const std::string& bytes) {
-    if (about.st_size > max_file_bytes || !settled(about)) return;
+// Keeps the bytes read if the file may be held; the bytes to answer with.
+const std::string* hold(const std::string& path, const struct stat& about, std::string& bytes) {
+    if (about.st_size > max_file_bytes || !settled(about)) return &bytes;
     while (!held.empty() && (held_bytes + bytes.size() > max_held_bytes || held.size() >= max_held_files))
         forget(std::prev(held.end()));
-    held.push_front({path, version_of(about), bytes});
     held_bytes += bytes.size();
+    held.push_front({path, version_of(about), std::move(bytes)});
+    return &held.front().bytes;
 }
 
 // Reads the open regular file to its end; false when a read failed on the way.
@@ -99,28 +101,32 @@ bool read_all(int fd, off_t size_hint, std::string& bytes) {
 
 }  // namespace
 
-bool read_static_file(const std::string& path, std::string& out) {
+// What read_file gives: the file's bytes, or null when it cannot be opened.
+const std::string* read_plainly(const std::string& path, std::string& scratch) {
+    scratch.clear();
+    return read_file(path.c_str(), scratch) ? &scratch : nullptr;
+}
+
+const std::string* read_static_file(const std::string& path, std::string& scratch) {
     struct stat about {};
     // Not a plain file (or not there): read exactly as before, nothing kept.
-    if (stat(path.c_str(), &about) != 0 || !S_ISREG(about.st_mode)) return read_file(path.c_str(), out);
+    if (stat(path.c_str(), &about) != 0 || !S_ISREG(about.st_mode)) return read_plainly(path, scratch);
 
     auto it = find_held(path);
     if (it != held.end() && same_version(it->version, version_of(about))) {
         held.splice(held.begin(), held, it);
-        out += it->bytes;
-        return true;
+        return &it->bytes;
     }
     if (it != held.end()) forget(it);
 
     UniqueFd file(open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
     // The version read is the one of the descriptor, not of the name looked at before.
     if (!file.valid() || fstat(file.get(), &about) != 0 || !S_ISREG(about.st_mode))
-        return read_file(path.c_str(), out);
-    std::string bytes;
+        return read_plainly(path, scratch);
+    scratch.clear();
     // Like read_file, a read that fails on the way gives what came before it.
-    if (read_all(file.get(), about.st_size, bytes)) hold(path, about, bytes);
-    out += bytes;
-    return true;
+    if (!read_all(file.get(), about.st_size, scratch)) return &scratch;
+    return hold(path, about, scratch);
 }
 
 void clear_static_files() {

@@ -14,6 +14,15 @@
 namespace {
 
 const std::string api_prefix = "/tuning/device?id=-1&";
+// The API targets and keys of the rules, made once rather than for every request.
+const std::string status_target = api_prefix + "statusdevice";
+const std::string update_target = api_prefix + "updatestatus";
+const std::string config_key = api_prefix + "configstate=";
+const std::string messages_target = api_prefix + "getmessage";
+const std::string log_key = api_prefix + "getlog&record=";
+const std::string version_key = api_prefix + "version=";
+const std::string disks_key = api_prefix + "getdisk";
+const std::string exit_target = api_prefix + "exit";
 
 bool contains(const std::string& text, const std::string& part) {
     return text.find(part) != std::string::npos;
@@ -56,10 +65,9 @@ void answer_messages(AnswerStream& answer) {
 
 // "getlog&record=<first>&...=<count>": false when no "&" follows "record=".
 bool answer_log_page(const std::string& target, AnswerStream& answer) {
-    const std::string key = api_prefix + "getlog&record=";
-    size_t found = target.find(key);
+    size_t found = target.find(log_key);
     if (found == std::string::npos) return false;
-    std::string rest = target.substr(found + key.size());
+    std::string rest = target.substr(found + log_key.size());
     size_t amp = rest.find('&');
     if (amp == std::string::npos) return false;
     int first = static_cast<int>(strtol(rest.substr(0, amp).c_str(), nullptr, 10));
@@ -94,11 +102,11 @@ void answer_file(const std::string& target, BodyBuilder build, AnswerStream& ans
 
 // The original rules, in their order; false when none matches the target.
 bool answer_original_rule(const std::string& target, AnswerStream& answer) {
-    if (target == api_prefix + "statusdevice") {
+    if (target == status_target) {
         answer_status(answer);
         return true;
     }
-    if (target == api_prefix + "updatestatus") {
+    if (target == update_target) {
         answer_update_status(answer);
         return true;
     }
@@ -106,20 +114,20 @@ bool answer_original_rule(const std::string& target, AnswerStream& answer) {
         run_command(command, target, answer);
         return true;
     }
-    if (contains(target, api_prefix + "configstate=")) {
+    if (contains(target, config_key)) {
         answer_config_state(target, answer);
         return true;
     }
-    if (target == api_prefix + "getmessage") {
+    if (target == messages_target) {
         answer_messages(answer);
         return true;
     }
     if (answer_log_page(target, answer)) return true;
-    if (contains(target, api_prefix + "version=")) {
+    if (contains(target, version_key)) {
         answer_version(answer);
         return true;
     }
-    if (contains(target, api_prefix + "getdisk")) {
+    if (contains(target, disks_key)) {
         answer_disks(answer);
         return true;
     }
@@ -131,7 +139,7 @@ bool answer_original_rule(const std::string& target, AnswerStream& answer) {
         answer_file(target, build, answer);
         return true;
     }
-    if (target == api_prefix + "exit") {
+    if (target == exit_target) {
         answer_exit(answer);
         return true;
     }

@@ -42,7 +42,7 @@ int route_request(const HttpRequest& request, AnswerStream& answer, parsing_resu
         set_error(answer);
         return 0;
     }
-    std::string target = request.elements[1];
+    const std::string& target = request.elements[1];
     if (request.elements[0] == "GET") {
         parse_get_query(target, answer);
         return 0;

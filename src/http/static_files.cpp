@@ -64,8 +64,8 @@ BodyBuilder static_builder(const std::string& target) {
 
 bool answer_static_file(const std::string& target, BodyBuilder build, AnswerStream& answer) {
     if (!is_safe_static_target(target)) return false;
-    std::string body;
-    if (!read_static_file(static_root + target, body)) return true;
-    build(answer, body);
+    std::string scratch;
+    const std::string* body = read_static_file(static_root + target, scratch);
+    if (body != nullptr) build(answer, *body);
     return true;
 }
