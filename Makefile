@@ -79,10 +79,14 @@ fuzz: fuzz-build
 fuzz-long: fuzz-build
 	fuzz/run.sh $(BUILD)-fuzz --runs 10000000
 
+# Every benchmark, in Release mode: the configuration, journal, cipher and
+# link benchmarks, then the HTTP side against nginx with wrk (about 15 minutes
+# in all; nginx and wrk are Debian packages).
 bench:
 	cmake -S . -B $(BUILD)-bench $(GENERATOR) -DCMAKE_BUILD_TYPE=Release -DVORCORE_BENCH=ON -DVORCORE_TESTS=OFF >/dev/null
 	cmake --build $(BUILD)-bench -j2
-	for b in $(BUILD)-bench/*_bench; do $$b; done
+	for b in $(BUILD)-bench/*_bench; do $$b || exit 1; done
+	python3 bench/http_bench.py $(BUILD)-bench
 
 # The Debian package vorcore_<version>_amd64.deb, from a Release build of the
 # programs alone (no test libraries needed), in $(BUILD)-package/. It is
