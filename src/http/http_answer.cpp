@@ -17,9 +17,8 @@ static const char* const connection_close = "Connection: close\r\n";
 
 static void write_answer(AnswerStream& answer, std::string_view own_headers, const std::string& body) {
     static const std::string_view length_name = "Content-Length: ", head_end = "\r\n\r\n";
-    char length[24];
-    auto [length_end, failed] = std::to_chars(length, length + sizeof length, body.size());
-    (void)failed;  // a size_t always fits
+    char length[24];  // room for any size_t
+    const char* length_end = std::to_chars(length, length + sizeof length, body.size()).ptr;
     const std::string_view length_text(length, static_cast<size_t>(length_end - length));
     answer.reserve(answer.str().size() + strlen(status_ok) + strlen(connection_close) + own_headers.size() +
                    length_name.size() + length_text.size() + head_end.size() + body.size());

@@ -1,8 +1,10 @@
 // HTTP answers: the builders of every answer head, the JSON result envelopes and the refusals.
 #pragma once
 
+#include <cstddef>
 #include <string>
 #include <string_view>
+#include <utility>
 
 // The answer being built: head text and body bytes appended in order, taken
 // whole when it is sent. A plain string underneath, so taking it copies nothing.
