@@ -23,8 +23,10 @@ static const int max_body_length = 16 * 1024 * 1024;
 
 void split_header(char* buf, int len, std::vector<std::string>& lines, int& header_len) {
     lines.clear();
+    // An empty read may come without a buffer, which memchr must not be given.
+    if (buf == nullptr || len <= 0) return;
     lines.reserve(16);  // a browser's head has about a dozen lines
-    const char* const end = buf + (len > 0 ? len : 0);
+    const char* const end = buf + len;
     // A zero byte ends the walk.
     const char* stop = static_cast<const char*>(memchr(buf, 0, static_cast<size_t>(end - buf)));
     if (stop == nullptr) stop = end;

@@ -28,12 +28,15 @@ TEST(SplitHeader, KeepsWalkingPastTheBlankLineUntilAZeroByte) {
         {"P\r\n\r\nbody1\r\n\r\nrest", {"P", "", "body1", "", "rest"}, 14},
         {std::string("A\r\n\r\nB\0C\r\n\r\n", 12), {"A", "", "B"}, 5},
         {"A\nB\r\n", {"A\nB"}, 0},
+        {"A\r\rB\r", {"A\r\rB\r"}, 0},
+        {"\r\n", {""}, 2},
+        {"", {}, 0},  // an empty read, passed without a buffer at all
     };
     for (const auto& [input, expected_lines, expected_len] : cases) {
         std::string buf = input;
         std::vector<std::string> lines{"stale"};
         int header_len = 0;
-        split_header(buf.data(), static_cast<int>(buf.size()), lines, header_len);
+        split_header(buf.empty() ? nullptr : buf.data(), static_cast<int>(buf.size()), lines, header_len);
         EXPECT_EQ(lines, expected_lines) << input;
         EXPECT_EQ(header_len, expected_len) << input;
     }
