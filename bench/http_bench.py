@@ -300,6 +300,8 @@ def main():
     sim = os.path.join(build, "vorpanel-sim")
     scratch = tempfile.mkdtemp(prefix="vorcore_bench_")
     servers = []
+    # Stopped from outside (or with Ctrl+C where a background start ignores it), the servers go too.
+    signal.signal(signal.SIGTERM, lambda *_: sys.exit("stopped"))
     try:
         engines = [Engine("engine", os.path.join(build, "vorcore"), sim, scratch, source)]
         if args.before:
