@@ -54,7 +54,7 @@ TEST_F(Exchange, OpenWaitsForSttyAtMostTwoSeconds) {
     const std::tuple<const char*, double, double> cases[] = {
         // stty in PATH (none: the system's), seconds the open takes at least and less than
         {nullptr, 0, 1.5},
-        {"#!/bin/sh\nexec sleep 4\n", 1.9, 3},
+        {"#!/bin/sh\nexec sleep 2.5\n", 1.9, 3},
     };
     for (const auto& [fake_stty, at_least, below] : cases) {
         if (fake_stty) {
