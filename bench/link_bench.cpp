@@ -102,7 +102,8 @@ void BM_ConfigurationRead2000Settings(benchmark::State& state) {
     Link link(kSettings);
     if (!link.opened()) return state.SkipWithError("the simulated panel could not be opened");
     size_t panel_bytes = sim_receipt().size();  // the receipt of the read command
-    for (const std::string& payload : config_payloads(link.content())) panel_bytes += sim_frame('F', payload).size();
+    for (const std::string& payload : config_payloads(link.content()))
+        panel_bytes += sim_frame('F', payload).size();
     const double bound = std::ceil(static_cast<double>(panel_bytes) / kReadBytesPerCycle) * kCycleSeconds;
     for (auto _ : state) {
         AnswerStream answer;

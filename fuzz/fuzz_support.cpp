@@ -36,8 +36,9 @@ void fuzz_start() {
         abort();
     }
     if (!fs::is_directory("js") || !fs::is_directory("devs"))
-        fprintf(stderr, "No js/ and devs/ in the working directory: static files and model files are not found "
-                        "(fuzz/run.sh runs each target where they are)\n");
+        fprintf(stderr,
+                "No js/ and devs/ in the working directory: static files and model files are not found "
+                "(fuzz/run.sh runs each target where they are)\n");
     fresh_engine();
 }
 

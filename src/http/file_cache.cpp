@@ -37,8 +37,8 @@ bool same_time(const timespec& a, const timespec& b) {
 }
 
 bool same_version(const FileVersion& a, const FileVersion& b) {
-    return a.device == b.device && a.inode == b.inode && a.size == b.size && same_time(a.modified, b.modified) &&
-           same_time(a.changed, b.changed);
+    return a.device == b.device && a.inode == b.inode && a.size == b.size &&
+           same_time(a.modified, b.modified) && same_time(a.changed, b.changed);
 }
 
 FileVersion version_of(const struct stat& about) {

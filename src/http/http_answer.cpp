@@ -68,8 +68,7 @@ void set_response_cfg_file(AnswerStream& answer, const std::string& body) {
                  body);
 }
 
-void set_response_events_file(AnswerStream& answer, const std::string& body,
-                              const std::string& file_name) {
+void set_response_events_file(AnswerStream& answer, const std::string& body, const std::string& file_name) {
     write_answer(answer,
                  "Content-Type: text/plain; charset=UTF-8\r\n"
                  "Content-disposition: attachment; filename=" +

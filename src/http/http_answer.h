@@ -32,8 +32,7 @@ void set_response_ico(AnswerStream& answer, const std::string& body);
 void set_response_svg(AnswerStream& answer, const std::string& body);
 void set_response_json(AnswerStream& answer, const std::string& body);
 void set_response_cfg_file(AnswerStream& answer, const std::string& body);
-void set_response_events_file(AnswerStream& answer, const std::string& body,
-                              const std::string& file_name);
+void set_response_events_file(AnswerStream& answer, const std::string& body, const std::string& file_name);
 void set_error(AnswerStream& answer);
 void set_OK(AnswerStream& answer);
 void set_error_and_descr(std::string& out, const char* descr);

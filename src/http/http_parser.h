@@ -2,9 +2,9 @@
 #pragma once
 
 #include <string>
+#include <vector>
 
 #include "http/http_answer.h"
-#include <vector>
 
 struct parsing_result {
     int content_length = 0;

@@ -52,7 +52,8 @@ TEST_F(Jobs, ConnectShowsLiveTelemetryTakesThePasswordThenDisconnectAndExit) {
 // the link ends (status 1) with nothing of the transfer left in the status record, the engine serves
 // on, and a fresh panel connected next takes the same transfer to its end.
 TEST_F(Jobs, PanelThatHangsUpMidTransferLeavesTheEngineServing) {
-    PanelSimOptions slow{.make_link = false, .telemetry_ms = 300, .reply_gap_ms = 100, .block_ack_delay_ms = 50};
+    PanelSimOptions slow{
+        .make_link = false, .telemetry_ms = 300, .reply_gap_ms = 100, .block_ack_delay_ms = 50};
     for (int i = 1; i <= 1500; ++i) slow.content.config_lines.push_back("zn" + std::to_string(i) + "-1.0.25");
     slow.content.events = sim_event_memory(400, 1700000000);
     const std::string image(40 * 256, 'f');
@@ -64,10 +65,17 @@ TEST_F(Jobs, PanelThatHangsUpMidTransferLeavesTheEngineServing) {
         const char* figure;  // its progress in the status record
         Strings done;
     } transfers[] = {
-        {"configuration read", [this] { return get("cmd=32"); }, "cfg", {R"("status":"3")", R"("cfg":"100")"}},
-        {"firmware upload", [&] { return post("cmd=71", image); }, "upd",
+        {"configuration read",
+         [this] { return get("cmd=32"); },
+         "cfg",
+         {R"("status":"3")", R"("cfg":"100")"}},
+        {"firmware upload",
+         [&] { return post("cmd=71", image); },
+         "upd",
          {R"("status":"3")", R"("rupd":"2")", R"("upd":"100")"}},
-        {"event transfer", [this] { return get("cmd=91"); }, "msg",
+        {"event transfer",
+         [this] { return get("cmd=91"); },
+         "msg",
          {R"("status":"3")", R"("rmsg":"2")", R"("msg":"100")"}},
     };
     for (const auto& transfer : transfers) {
@@ -106,7 +114,8 @@ TEST_F(Jobs, HundredThousandMixedRequestsFromFourClients) {
     const int total = sanitized_build() ? 10000 : 100000;
     const int port = engine_->port();
     const std::string status_head = json_answer("").substr(0, json_answer("").find("Content-Length"));
-    const std::string script = "Access-Control-Allow-Origin: *\r\nContent-Type: application/javascript; charset=utf-8\r\n";
+    const std::string script =
+        "Access-Control-Allow-Origin: *\r\nContent-Type: application/javascript; charset=utf-8\r\n";
     // Request, and the answer it must get (or the start of it, for the live status).
     const std::vector<std::pair<std::string, std::string>> mix = {
         {"/tuning/device?id=-1&statusdevice", status_head},

@@ -355,7 +355,8 @@ TEST(IdleEnd, FifteenSecondsAfterTheLastConnectionOrTheLastFirmwareBlock) {
     }
     ASSERT_NO_FATAL_FAILURE(engine.expect_clean_end(45));
     auto ended = Clock::now();
-    EXPECT_NE(engine.console().find("Close device \n", engine.console().rfind("Open device")), std::string::npos)
+    EXPECT_NE(engine.console().find("Close device \n", engine.console().rfind("Open device")),
+              std::string::npos)
         << engine.console();
     std::vector<SimFrame> blocks;
     for (const SimFrame& frame : panel.received())

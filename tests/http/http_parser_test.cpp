@@ -1,10 +1,10 @@
 // Tests of request parsing and refusing cross-site requests.
-#include "http/http_answer.h"
 #include "http/http_parser.h"
 
 #include <gtest/gtest.h>
 
 #include "core/engine.h"
+#include "http/http_answer.h"
 #include "support/engine_harness.h"
 
 namespace {

@@ -186,30 +186,36 @@ TEST_F(Exchange, HungUpPanelKeepsCommandsQueuedUntilTheLinkDrops) {
 // keeps the port, and keeps what waits for it.
 TEST_F(Exchange, EveryCloseForgetsWhatWaitedForThePanel) {
     const std::pair<const char*, std::function<void(PanelSim&)>> closes[] = {
-        {"panel unplugged", [](PanelSim& panel) {
+        {"panel unplugged",
+         [](PanelSim& panel) {
              panel.hangup();
              wait_for([&] { return panel.hung_up(); }, 1);
              read_step();
          }},
-        {"third silence", [](PanelSim&) {
+        {"third silence",
+         [](PanelSim&) {
              no_read_ms = 0;
              send_sf_cnt = 2;
              read_step();
          }},
-        {"restart acknowledged", [](PanelSim& panel) {
+        {"restart acknowledged",
+         [](PanelSim& panel) {
              send_re = true;
              feed(panel, kReceiptOK);
          }},
         {"firmware end closing the link", [](PanelSim& panel) { feed(panel, sim_frame('F', "UR0-2")); }},
-        {"disconnect", [](PanelSim&) {
+        {"disconnect",
+         [](PanelSim&) {
              AnswerStream answer;
              run_command(11, "/tuning/device?id=-1&cmd=11", answer);
          }},
-        {"reconnect to a port that fails", [](PanelSim&) {
+        {"reconnect to a port that fails",
+         [](PanelSim&) {
              AnswerStream answer;
              run_command(11, "/tuning/device?id=-1&cmd=11&com=/dev/null", answer);
          }},
-        {"silence restart (port kept)", [](PanelSim&) {
+        {"silence restart (port kept)",
+         [](PanelSim&) {
              no_read_ms = 0;
              read_step();
          }},
