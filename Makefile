@@ -2,7 +2,7 @@
 BUILD ?= build
 GENERATOR := $(shell command -v ninja >/dev/null 2>&1 && echo "-G Ninja")
 
-.PHONY: all build run test test-asan test-tsan bench package clean
+.PHONY: all build run test test-asan test-tsan fuzz-build fuzz fuzz-long bench package clean
 
 all: build
 
@@ -63,10 +63,30 @@ test-tsan:
 	cmake --build $(BUILD)-tsan -j2 --target $(THREADED_TESTS)
 	cd $(BUILD)-tsan && TSAN_OPTIONS=halt_on_error=1 ctest --output-on-failure -L threaded -E $(SANITIZER_SKIP)
 
+# The fuzz targets (fuzz/), built with clang++ and libFuzzer, AddressSanitizer
+# and UndefinedBehaviorSanitizer; run as nobody when started as root.
+fuzz-build:
+	cmake -S . -B $(BUILD)-fuzz $(GENERATOR) -DCMAKE_CXX_COMPILER=clang++ -DCMAKE_BUILD_TYPE=RelWithDebInfo \
+		-DVORCORE_FUZZ=ON -DVORCORE_TESTS=OFF >/dev/null
+	cmake --build $(BUILD)-fuzz -j2
+
+# Each target for 10 s (CI).
+fuzz: fuzz-build
+	fuzz/run.sh $(BUILD)-fuzz --seconds 10
+
+# Each target for 10 million executions, one after the other: hours, for a
+# developer's machine. The corpora grow in $(BUILD)-fuzz/fuzz-work/ from run to run.
+fuzz-long: fuzz-build
+	fuzz/run.sh $(BUILD)-fuzz --runs 10000000
+
+# Every benchmark, in Release mode: the configuration, journal, cipher and
+# link benchmarks, then the HTTP side against nginx with wrk (about 15 minutes
+# in all; nginx and wrk are Debian packages).
 bench:
 	cmake -S . -B $(BUILD)-bench $(GENERATOR) -DCMAKE_BUILD_TYPE=Release -DVORCORE_BENCH=ON -DVORCORE_TESTS=OFF >/dev/null
 	cmake --build $(BUILD)-bench -j2
-	for b in $(BUILD)-bench/*_bench; do $$b; done
+	for b in $(BUILD)-bench/*_bench; do $$b || exit 1; done
+	python3 bench/http_bench.py $(BUILD)-bench
 
 # The Debian package vorcore_<version>_amd64.deb, from a Release build of the
 # programs alone (no test libraries needed), in $(BUILD)-package/. It is
@@ -79,4 +99,4 @@ package:
 	cd $(BUILD)-package && cpack -G DEB
 
 clean:
-	rm -rf $(BUILD) $(BUILD)-asan $(BUILD)-tsan $(BUILD)-bench $(BUILD)-package
+	rm -rf $(BUILD) $(BUILD)-asan $(BUILD)-tsan $(BUILD)-fuzz $(BUILD)-bench $(BUILD)-package

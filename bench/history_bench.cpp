@@ -8,7 +8,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
-#include <sstream>
 #include <string>
 
 #include "core/engine.h"
@@ -54,7 +53,7 @@ void set_changing_value(int64_t n) {
 }
 
 std::string answer(const std::string& query) {
-    std::stringstream out;
+    AnswerStream out;
     answer_history_query(kPrefix + query, out);
     return out.str();
 }

@@ -75,7 +75,7 @@ if [ -z "$port" ]; then
     exit 1
 fi
 
-echo "Connecting the engine to the simulator (the engine prepares the port for 2 s)..."
+echo "Connecting the engine to the simulator..."
 curl -s "http://127.0.0.1:$port/tuning/device?id=-1&cmd=11&com=$pty" >/dev/null
 console_url="http://localhost:$port/"
 echo
@@ -93,7 +93,7 @@ while true; do
     kill -0 "$sim_pid" 2>/dev/null || { echo; simulator_failed; }
     if ! line=$(curl -s --max-time 3 "http://127.0.0.1:$port/tuning/device?id=-1&statusdevice" |
         python3 "$here/tools/demo_status.py" summary); then
-        # A busy engine (a connect prepares the port for 2 s) is asked again.
+        # A busy engine (a connect waits up to 2 s for stty) is asked again.
         if kill -0 "$engine_pid" 2>/dev/null; then
             sleep 1
             continue

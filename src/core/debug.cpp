@@ -5,7 +5,6 @@
 
 #include <cstdio>
 #include <ctime>
-#include <iostream>
 #include <mutex>
 
 pk7_msg pk7;
@@ -63,7 +62,10 @@ std::string dump_text(const char* buf, size_t len, size_t max) {
 
 void console_raw(const std::string& text) {
     std::lock_guard<std::mutex> lock(console_mutex);
-    std::cout << text << std::flush;
+    // stdio rather than iostreams: the engine then never sets up the C++
+    // locale machinery, which would stay resident for nothing.
+    fwrite(text.data(), 1, text.size(), stdout);
+    fflush(stdout);
 }
 
 void console_line(const std::string& text) {

@@ -23,3 +23,9 @@ bool write_file_in(int dir, const char* name, const std::string& data) {
     }
     return true;
 }
+
+bool replace_file_in(int dir, const char* name, const std::string& data) {
+    if (write_file_in(dir, name, data)) return true;
+    unlinkat(dir, name, 0);
+    return write_file_in(dir, name, data);
+}

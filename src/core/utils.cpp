@@ -1,11 +1,15 @@
 // String, number and file utilities shared by the HTTP side and the device image.
 #include "core/utils.h"
 
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cerrno>
 #include <cstdarg>
 #include <cstdio>
-#include <fstream>
-#include <iterator>
-#include <sstream>
+#include <memory>
+
+#include "core/unique_fd.h"
 
 std::string int_to_string(int v) {
     return std::to_string(v);
@@ -33,19 +37,24 @@ std::string format_to_str(const char* fmt, ...) {
 }
 
 bool read_file(const char* path, std::string& out) {
-    std::ifstream file(path, std::ios::in | std::ios::binary);
-    if (!file.is_open()) return false;
-    out.append(std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>());
-    return true;
+    UniqueFd file(open(path, O_RDONLY | O_CLOEXEC));
+    if (!file.valid()) return false;
+    // A read that fails on the way (a directory, a device error) keeps what came before it.
+    char chunk[16384];
+    for (;;) {
+        ssize_t got = read(file.get(), chunk, sizeof chunk);
+        if (got < 0 && errno == EINTR) continue;
+        if (got <= 0) return true;
+        out.append(chunk, static_cast<size_t>(got));
+    }
 }
 
 bool write_file(const char* path, std::string& data) {
-    std::ofstream file(path, std::ios::out | std::ios::binary | std::ios::trunc);
-    if (!file.is_open()) return false;
-    file.write(data.data(), static_cast<std::streamsize>(data.size()));
+    std::unique_ptr<FILE, decltype(&fclose)> file(fopen(path, "wb"), &fclose);
+    if (!file) return false;
+    bool written = fwrite(data.data(), 1, data.size(), file.get()) == data.size();
     // A full drive must not pass for a saved file: the caller reports it.
-    file.close();
-    return !file.fail();
+    return fclose(file.release()) == 0 && written;
 }
 
 std::string get_parameter(std::string& text, std::string& begin, std::string& end) {
@@ -79,9 +88,13 @@ void split_curly_brackets(const std::string& text, std::vector<std::string>& out
 }
 
 void split(const std::string& text, char delim, std::vector<std::string>& out) {
-    std::istringstream stream(text);
-    std::string piece;
-    while (std::getline(stream, piece, delim)) out.push_back(piece);
+    size_t start = 0;
+    while (start < text.size()) {
+        size_t found = text.find(delim, start);
+        if (found == std::string::npos) found = text.size();
+        out.push_back(text.substr(start, found - start));
+        start = found + 1;
+    }
 }
 
 void split2(const std::string& text, char delim, std::vector<std::string>& out) {

@@ -3,11 +3,13 @@
 
 #include <atomic>
 #include <cerrno>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <fstream>
-#include <iterator>
-#include <sstream>
+#include <memory>
+#include <vector>
+
+#include "core/utils.h"
 
 uint8_t CRY_GOST_CRYPTO_TABLE[8][16];
 uint8_t standartKey[32];
@@ -113,12 +115,12 @@ bool parse_key(const std::string& text, int line_no, uint8_t out[32], std::strin
 bool parse_cipher_text(const std::string& text, CipherData& data, std::string& error) {
     // Editors on other systems may save the file with a UTF-8 byte order mark.
     const std::string bom = "\xEF\xBB\xBF";
-    std::istringstream in(text.compare(0, bom.size(), bom) == 0 ? text.substr(bom.size()) : text);
-    std::string raw;
+    std::vector<std::string> lines;
+    split(text.compare(0, bom.size(), bom) == 0 ? text.substr(bom.size()) : text, '\n', lines);
     int line_no = 0;
     int rows = 0;
     bool have_key = false;
-    while (std::getline(in, raw)) {
+    for (const std::string& raw : lines) {
         ++line_no;
         std::string line = trim(raw);
         if (line.empty() || line[0] == '#') continue;
@@ -172,7 +174,7 @@ bool load_cipher_file(const char* path, std::string& error) {
         return false;
     }
     errno = 0;
-    std::ifstream file(path, std::ios::binary);
+    std::unique_ptr<FILE, decltype(&fclose)> file(fopen(path, "rb"), &fclose);
     if (!file) {
         error = std::string("cannot open ") + path +
                 (errno ? std::string(" (") + std::strerror(errno) + ")" : "");
@@ -180,14 +182,14 @@ bool load_cipher_file(const char* path, std::string& error) {
     }
     std::string text;
     char chunk[4096];
-    while (file.read(chunk, sizeof chunk) || file.gcount() > 0) {
-        text.append(chunk, static_cast<size_t>(file.gcount()));
+    for (size_t got; (got = fread(chunk, 1, sizeof chunk, file.get())) > 0;) {
+        text.append(chunk, got);
         if (text.size() > static_cast<size_t>(max_cipher_file_size)) {
             error = std::string(path) + " is too large to be a cipher file";
             return false;
         }
     }
-    if (file.bad()) {
+    if (ferror(file.get())) {
         error = std::string("cannot read ") + path;
         return false;
     }

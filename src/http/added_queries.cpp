@@ -9,7 +9,7 @@
 #include "http/history_queries.h"
 #include "http/link_record_download.h"
 
-bool answer_added_query(const std::string& target, std::stringstream& answer) {
+bool answer_added_query(const std::string& target, AnswerStream& answer) {
     return answer_history_query(target, answer) || answer_link_record(target, answer) ||
            answer_engine_info(target, answer);
 }

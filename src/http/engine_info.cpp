@@ -14,7 +14,7 @@ const char* flag(bool on) {
 
 }  // namespace
 
-bool answer_engine_info(const std::string& target, std::stringstream& answer) {
+bool answer_engine_info(const std::string& target, AnswerStream& answer) {
     if (target != "/tuning/device?id=-1&engineinfo") return false;
     set_response_json(answer, std::string(R"({"result":{"version":")") + engine_version + R"(","cipher":")" +
                                   flag(cipher_ready()) + R"(","history":")" + flag(history_usable()) + "\"}}");

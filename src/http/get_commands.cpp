@@ -107,10 +107,7 @@ std::string cmd_save_to_drive(const std::string& target) {
     std::string cfg_path = mount + "/CONFIG.INI";
     std::string text;
     parser.cfg_to_file(text);
-    if (write_file_in(dir.get(), "CONFIG.INI", text)) return json_ok;
-    // Removes whatever stands in the file's place (a link itself, not its target).
-    unlinkat(dir.get(), "CONFIG.INI", 0);
-    if (write_file_in(dir.get(), "CONFIG.INI", text)) return json_ok;
+    if (replace_file_in(dir.get(), "CONFIG.INI", text)) return json_ok;
     json.put(DM_IN_SRC, ("error write file " + cfg_path).c_str(), nullptr);
     return json_error;
 }
@@ -401,7 +398,7 @@ bool start_config_write() {
     return true;
 }
 
-void run_command(int n, const std::string& target, std::stringstream& answer) {
+void run_command(int n, const std::string& target, AnswerStream& answer) {
     if (n == 84) {
         std::string text;
         parser.dev_log_to_file(text);

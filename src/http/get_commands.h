@@ -1,11 +1,12 @@
 // The GET command set: "/tuning/device?id=-1&cmd=<n>", commands to the panel and to the engine.
 #pragma once
 
-#include <sstream>
 #include <string>
 
+#include "http/http_answer.h"
+
 // Runs device command n ("/tuning/device?id=-1&cmd=<n>") and writes its answer.
-void run_command(int n, const std::string& target, std::stringstream& answer);
+void run_command(int n, const std::string& target, AnswerStream& answer);
 
 // True, after a console line for a write still waiting, when a configuration
 // write must be refused: no valid device, or a frame of an earlier write (its

@@ -25,7 +25,7 @@ bool name_after(const std::string& target, const std::string& query, std::string
 
 // The snapshot's bytes; false, after the refusal is answered, for a name the
 // list does not show.
-bool snapshot_bytes(const std::string& name, std::string& bytes, std::stringstream& answer) {
+bool snapshot_bytes(const std::string& name, std::string& bytes, AnswerStream& answer) {
     if (history_read(name, bytes)) return true;
     console_stamped("History: no snapshot " + printable(name.substr(0, kShownNameLength)));
     std::string out;
@@ -34,14 +34,14 @@ bool snapshot_bytes(const std::string& name, std::string& bytes, std::stringstre
     return false;
 }
 
-void answer_config(const std::string& name, std::stringstream& answer) {
+void answer_config(const std::string& name, AnswerStream& answer) {
     std::string bytes, out;
     if (!snapshot_bytes(name, bytes, answer)) return;
     snapshot_to_json(bytes, out);
     set_response_json(answer, out);
 }
 
-void answer_file(const std::string& name, std::stringstream& answer) {
+void answer_file(const std::string& name, AnswerStream& answer) {
     std::string bytes;
     // The head of the configuration file download, with the snapshot's name.
     if (snapshot_bytes(name, bytes, answer)) set_response_events_file(answer, bytes, name);
@@ -64,14 +64,14 @@ std::string write_differences(const std::string& bytes) {
     return json_ok;
 }
 
-void answer_write(const std::string& name, std::stringstream& answer) {
+void answer_write(const std::string& name, AnswerStream& answer) {
     std::string bytes;
     if (snapshot_bytes(name, bytes, answer)) set_response_json(answer, write_differences(bytes));
 }
 
 }  // namespace
 
-bool answer_history_query(const std::string& target, std::stringstream& answer) {
+bool answer_history_query(const std::string& target, AnswerStream& answer) {
     std::string name;
     if (target == api_prefix + "history")
         set_response_json(answer, history_json());

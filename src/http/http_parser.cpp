@@ -23,34 +23,35 @@ static const int max_body_length = 16 * 1024 * 1024;
 
 void split_header(char* buf, int len, std::vector<std::string>& lines, int& header_len) {
     lines.clear();
-    std::string line;
-    int i = 0;
-    while (i < len && buf[i] != 0) {
-        if (buf[i] == '\r' && i + 1 < len && buf[i + 1] == '\n') {
-            if (line.empty()) header_len = i + 2;
-            lines.push_back(line);
-            line.clear();
-            i += 2;
+    // An empty read may come without a buffer, which memchr must not be given.
+    if (buf == nullptr || len <= 0) return;
+    lines.reserve(16);  // a browser's head has about a dozen lines
+    const char* const end = buf + len;
+    // A zero byte ends the walk.
+    const char* stop = static_cast<const char*>(memchr(buf, 0, static_cast<size_t>(end - buf)));
+    if (stop == nullptr) stop = end;
+    const char* line = buf;
+    for (const char* at = buf; at < stop;) {
+        const char* cr = static_cast<const char*>(memchr(at, '\r', static_cast<size_t>(stop - at)));
+        if (cr == nullptr) break;
+        if (cr + 1 == stop || cr[1] != '\n') {
+            at = cr + 1;  // a lone carriage return is part of the line
             continue;
         }
-        line += buf[i];
-        ++i;
+        if (cr == line) header_len = static_cast<int>(cr + 2 - buf);
+        lines.emplace_back(line, cr);
+        line = at = cr + 2;
     }
-    if (!line.empty()) lines.push_back(line);
+    if (line < stop) lines.emplace_back(line, stop);
 }
 
 void split_elements(std::string& line, std::vector<std::string>& elements) {
     elements.clear();
-    std::string piece;
-    for (char c : line) {
-        if (c == ' ') {
-            elements.push_back(piece);
-            piece.clear();
-            continue;
-        }
-        piece += c;
-    }
-    if (!piece.empty()) elements.push_back(piece);
+    elements.reserve(3);
+    size_t start = 0;
+    for (size_t blank; (blank = line.find(' ', start)) != std::string::npos; start = blank + 1)
+        elements.emplace_back(line, start, blank - start);
+    if (start < line.size()) elements.emplace_back(line, start);
 }
 
 int parse_command(const std::string& target) {
@@ -88,6 +89,17 @@ void str_to_bin(std::string& text, std::vector<char>& out) {
 // Refusing requests that a web page on another site made the browser send.
 // The engine drives a life-safety panel: any page the user visits could
 // otherwise post to localhost and reconfigure it (or stop the engine).
+
+// True when `text` equals `lower` (lower case) but for the case of its letters.
+static bool same_name(std::string_view text, std::string_view lower) {
+    if (text.size() != lower.size()) return false;
+    for (size_t i = 0; i < text.size(); ++i) {
+        char c = text[i];
+        if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
+        if (c != lower[i]) return false;
+    }
+    return true;
+}
 
 static std::string lower_case(std::string_view text) {
     std::string out(text);
@@ -204,11 +216,11 @@ static std::string refusal_reason(const char* buf, int len) {
         if (line[0] == ' ' || line[0] == '\t') return "folded header line";
         size_t colon = line.find(':');
         if (colon == std::string_view::npos) continue;
-        std::string name = lower_case(trimmed(line.substr(0, colon), name_blanks));
+        std::string_view name = trimmed(line.substr(0, colon), name_blanks);
         std::string_view value = trimmed(line.substr(colon + 1), blanks);
-        if (name == "host" && !is_local_authority(value)) return "foreign Host: " + printable(value);
-        if (name == "origin" && !is_own_origin(value)) return "foreign Origin: " + printable(value);
-        if (name == "sec-fetch-site") {
+        if (same_name(name, "host") && !is_local_authority(value)) return "foreign Host: " + printable(value);
+        if (same_name(name, "origin") && !is_own_origin(value)) return "foreign Origin: " + printable(value);
+        if (same_name(name, "sec-fetch-site")) {
             std::string site = lower_case(value);
             if (site != "same-origin" && site != "none") return "Sec-Fetch-Site: " + printable(site);
         }
@@ -248,8 +260,8 @@ static bool asks_to_continue(const std::string& line) {
     size_t colon = line.find(':');
     if (colon == std::string::npos) return false;
     static const std::string_view blanks(" \t");
-    return lower_case(trimmed(std::string_view(line).substr(0, colon), blanks)) == "expect" &&
-           lower_case(trimmed(std::string_view(line).substr(colon + 1), blanks)) == "100-continue";
+    return same_name(trimmed(std::string_view(line).substr(0, colon), blanks), "expect") &&
+           same_name(trimmed(std::string_view(line).substr(colon + 1), blanks), "100-continue");
 }
 
 bool take_post_body(const HttpRequest& request, parsing_result& result) {
@@ -279,7 +291,6 @@ int missing_body_bytes(const HttpRequest& request, const parsing_result& result)
     return static_cast<int>(missing);
 }
 
-int parse(char* buf, int len, std::stringstream& answer, parsing_result& result) {
-    answer.clear();
+int parse(char* buf, int len, AnswerStream& answer, parsing_result& result) {
     return route_request(read_request(buf, len), answer, result);
 }

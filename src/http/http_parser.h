@@ -1,9 +1,10 @@
 // HTTP request parsing: the head, the body of an upload and the guard against other sites.
 #pragma once
 
-#include <sstream>
 #include <string>
 #include <vector>
+
+#include "http/http_answer.h"
 
 struct parsing_result {
     int content_length = 0;
@@ -26,7 +27,7 @@ struct HttpRequest {
 
 // Parses one request and writes the whole answer; returns the number of body
 // bytes still expected (greater than 0 only for an accepted POST).
-int parse(char* buf, int len, std::stringstream& answer, parsing_result& result);
+int parse(char* buf, int len, AnswerStream& answer, parsing_result& result);
 
 // Splits and judges the bytes of a request's first read.
 HttpRequest read_request(char* buf, int len);

@@ -9,7 +9,7 @@
 
 // The configuration file goes back at once (command 2); uploads are acknowledged
 // and processed after the answer (4, 71, 73 and targets without a command).
-static int route_post(const HttpRequest& request, std::stringstream& answer, parsing_result& result) {
+static int route_post(const HttpRequest& request, AnswerStream& answer, parsing_result& result) {
     int n = parse_command(request.elements[1]);
     if (n == 2) {
         std::string file;
@@ -19,7 +19,7 @@ static int route_post(const HttpRequest& request, std::stringstream& answer, par
     }
     if (n == 4 || n == 71 || n == 73 || n <= 0) {
         if (!take_post_body(request, result)) {
-            answer << answer_too_large;
+            answer.append(answer_too_large);
             return 0;
         }
         set_response_json(answer, json_ok);
@@ -29,7 +29,7 @@ static int route_post(const HttpRequest& request, std::stringstream& answer, par
     return 0;
 }
 
-int route_request(const HttpRequest& request, std::stringstream& answer, parsing_result& result) {
+int route_request(const HttpRequest& request, AnswerStream& answer, parsing_result& result) {
     // Snapshots the device thread took since the last request reach the disk
     // here, on this thread, before anything can ask for the history.
     history_flush();
@@ -39,14 +39,14 @@ int route_request(const HttpRequest& request, std::stringstream& answer, parsing
     }
     if (!request.refusal.empty()) {
         console_stamped("Request refused, " + request.refusal);
-        answer << answer_forbidden;
+        answer.append(answer_forbidden);
         return 0;
     }
     if (request.elements.size() < 3) {
         set_error(answer);
         return 0;
     }
-    std::string target = request.elements[1];
+    const std::string& target = request.elements[1];
     if (request.elements[0] == "GET") {
         parse_get_query(target, answer);
         return 0;

@@ -1,9 +1,7 @@
 // Routing a parsed request to its handler: the refusals, the GET API, the POST commands.
 #pragma once
 
-#include <sstream>
-
 #include "http/http_parser.h"
 
 // Writes the answer to `request`; returns the body bytes still expected (see parse).
-int route_request(const HttpRequest& request, std::stringstream& answer, parsing_result& result);
+int route_request(const HttpRequest& request, AnswerStream& answer, parsing_result& result);

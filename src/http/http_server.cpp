@@ -13,7 +13,6 @@
 #include <cstring>
 #include <ctime>
 #include <memory>
-#include <sstream>
 #include <string>
 #include <vector>
 
@@ -212,15 +211,15 @@ void finish_write(Connection& connection, WriteResult result) {
 // The answer to the request just read: what the parser wrote, after the rest
 // of a POST body if one is on its way; an error if that body did not come whole.
 std::string answer_request(Connection& connection, int got, parsing_result& result) {
-    std::stringstream answer;
+    AnswerStream answer;
     int missing = parse(readBuffer, got, answer, result);
-    if (result.query.empty()) return answer.str();
-    if (receive_rest_of_body(connection.socket.get(), missing, result)) return answer.str();
+    if (result.query.empty()) return answer.take();
+    if (receive_rest_of_body(connection.socket.get(), missing, result)) return answer.take();
     std::string description;
     set_error_and_descr(description, incomplete_body_description);
-    std::stringstream refusal;
+    AnswerStream refusal;
     set_response_json(refusal, description);
-    return refusal.str();
+    return refusal.take();
 }
 
 // Serves the connection whose first bytes have arrived: one read, the answer

@@ -6,7 +6,7 @@
 #include "http/http_answer.h"
 #include "link/link_record.h"
 
-bool answer_link_record(const std::string& target, std::stringstream& answer) {
+bool answer_link_record(const std::string& target, AnswerStream& answer) {
     if (target != "/tuning/device?id=-1&linkrecord") return false;
     const time_t now = time(nullptr);
     tm utc{};

@@ -2,6 +2,7 @@
 #include "http/static_files.h"
 
 #include "core/utils.h"
+#include "http/file_cache.h"
 #include "http/http_answer.h"
 #include "text/txt_to_utf8.h"
 
@@ -61,10 +62,10 @@ BodyBuilder static_builder(const std::string& target) {
     return nullptr;
 }
 
-bool answer_static_file(const std::string& target, BodyBuilder build, std::stringstream& answer) {
+bool answer_static_file(const std::string& target, BodyBuilder build, AnswerStream& answer) {
     if (!is_safe_static_target(target)) return false;
-    std::string body;
-    if (!read_file((static_root + target).c_str(), body)) return true;
-    build(answer, body);
+    std::string scratch;
+    const std::string* body = read_static_file(static_root + target, scratch);
+    if (body != nullptr) build(answer, *body);
     return true;
 }

@@ -1,7 +1,6 @@
 // The panel's serial port: open and close with their checks, reads, and writes with a deadline.
 #include "link/dev_port.h"
 
-#include <fcntl.h>
 #include <poll.h>
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
@@ -13,10 +12,10 @@
 #include "core/debug.h"
 #include "core/engine.h"
 #include "core/mutex_lock.h"
-#include "core/shell.h"
 #include "core/utils.h"
 #include "link/exchange.h"
 #include "link/link_record.h"
+#include "link/port_line.h"
 
 std::atomic<int> USB{0};
 pthread_mutex_t port_mutex = PTHREAD_MUTEX_INITIALIZER;
@@ -43,7 +42,6 @@ static std::atomic<bool> port_mutex_destroyed{false};
 static constexpr const char* TITLE_OUT_SRC = " >>>PK7_OUT_SRC       ";
 static constexpr const char* TITLE_IN_SRC = " <<<PK7_IN_SRC       ";
 
-static constexpr useconds_t STTY_SETTLE_US = 2000000;
 static constexpr int READ_WAIT_MS = 100;
 // A frame the port does not take within this time counts as a failed write.
 static constexpr uint64_t WRITE_DEADLINE_MS = 1000;
@@ -83,15 +81,6 @@ static bool plain_device_path(const std::string& path) {
     return true;
 }
 
-// Puts the line into raw mode with the system's stty and gives it time to finish.
-static void prepare_line(const std::string& path) {
-    std::string command = "stty raw -echo -F " + path + " 2> error.log";
-    ShellPipe pipe = shell_start(command);
-    if (!pipe) return;
-    if (channel_on(dm_r1)) console_line(command);
-    usleep(STTY_SETTLE_US);
-}
-
 bool is_panel_device_number(dev_t device) {
     const unsigned kind = major(device);
     return kind == 188 || kind == 166 || (kind >= 136 && kind <= 143);
@@ -129,19 +118,6 @@ static bool opened_the_checked_port(int fd, const struct stat& checked) {
            isatty(fd) == 1;
 }
 
-// The shell commands and the browser started later must not inherit the
-// panel's port, and descriptor 0 would read as "no device".
-static int keep_from_children(int fd) {
-    if (fd < 0) return fd;
-    if (fd == 0) {
-        int moved = fcntl(fd, F_DUPFD_CLOEXEC, 1);
-        close(fd);
-        return moved;
-    }
-    fcntl(fd, F_SETFD, fcntl(fd, F_GETFD) | FD_CLOEXEC);
-    return fd;
-}
-
 int open_dev(std::string& path) {
     struct stat node {};
     if (!plain_device_path(path) || !port_path_allowed(path, node)) {
@@ -150,9 +126,7 @@ int open_dev(std::string& path) {
     }
     prepare_line(path);
 
-    // Non-blocking: writes have a deadline (write_dev), and opening never
-    // waits for a modem line.
-    int fd = keep_from_children(open(path.c_str(), O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC));
+    int fd = open_line(path);
     if (fd >= 0 && !opened_the_checked_port(fd, node)) {
         close(fd);
         fd = -1;
@@ -183,6 +157,8 @@ int open_dev(std::string& path) {
         if (fd >= 0) link_record_open(path);
     }
     if (fd < 0) {
+        // A port that was open is gone now: its link is forgotten as on close.
+        if (replaced != 0) forget_previous_link();
         console_line("Error. Don't open device (w)" + path);
         return 0;
     }
@@ -191,9 +167,8 @@ int open_dev(std::string& path) {
 }
 
 void close_dev() {
-    if (USB == 0) return;
     int fd = 0;
-    {
+    if (USB != 0) {
         MutexLock lock(port_mutex);
         fd = USB.exchange(0);
         if (fd != 0) {
@@ -202,6 +177,9 @@ void close_dev() {
         }
         ++port_generation;
     }
+    // Frames queued for a panel that is gone must not wait for the next one,
+    // nor count against the queue's bounds meanwhile: forgotten as on connect.
+    forget_previous_link();
     if (fd != 0) console_line("Close device ");
 }
 

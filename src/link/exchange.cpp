@@ -46,11 +46,12 @@ static void clear_link_flags() {
 }
 
 // Called by open_dev (HTTP thread) for a port that is open but not yet
-// published, so the device thread does not use the link meanwhile. A frame
-// queued for the panel that was there before (a restart, half a configuration,
-// firmware blocks) must never reach the next one, a password exchange of the
-// old panel must not answer "continue" for ever, and a receipt the old panel
-// still owed must not hold back the new link's first frame.
+// published, so the device thread does not use the link meanwhile, and by
+// close_dev (either thread) once the port is closed. A frame queued for the
+// panel that was there before (a restart, half a configuration, firmware
+// blocks) must never reach the next one, a password exchange of the old panel
+// must not answer "continue" for ever, and a receipt the old panel still owed
+// must not hold back the new link's first frame.
 void forget_previous_link() {
     queue.clear();
     bbqueue.clear();

@@ -46,5 +46,6 @@ void exchange_reset();
 
 // Empties both queues and forgets the old link's flags and receipt requests.
 // open_dev calls it for a port that is open but not yet published, so nothing
-// of the old link is ever written to the new one.
+// of the old link is ever written to the new one, and close_dev after every
+// close, so nothing waits for a panel that is gone.
 void forget_previous_link();

@@ -4,6 +4,7 @@
 #include <sys/socket.h>
 
 #include <fstream>
+#include <random>
 
 #include "support/engine_fixture.h"
 
@@ -160,6 +161,51 @@ TEST_F(Hostile, ClientsThatNeverReadCannotHoldMemory) {
     expect_rss_below(128);
     EXPECT_NE(engine_->console().find("Answer dropped, unsent answers over the limit of 67108864 bytes"),
               std::string::npos);
+}
+
+// Thirty seconds of a line gone bad: random bytes, then broken frames, each answered with the
+// receipt the rules give (too long AN1, too short AN2, encrypted AN5, an end byte without a start
+// the plain receipt). The engine stays up, and when sane frames return the link works again.
+TEST_F(Hostile, LineNoiseAndBrokenFramesThenTheLinkRecovers) {
+    ASSERT_NO_FATAL_FAILURE(connect());
+    panel().set_telemetry_ms(0);  // the test speaks for the panel
+    std::mt19937 random(20);
+    const auto start = Clock::now();
+    // 5 KB/s, half of what the engine reads in its 100 ms cycles: no backlog builds up. The status
+    // is asked for meanwhile, as the browser does (the engine would end otherwise).
+    for (int round = 1; seconds_since(start) < 15; ++round) {
+        std::string noise(100, '\0');
+        for (char& byte : noise) byte = static_cast<char>(random());
+        panel().send_raw(noise);
+        usleep(20000);
+        if (round % 50 == 0) get("statusdevice");
+    }
+    panel().send_raw("~x\x7f");  // ends a frame the noise left open, and uses up a pending escape
+    ASSERT_TRUE(panel().wait_output_flushed(2000));
+    usleep(500000);  // the engine reads the rest; receipts the noise earned go out meanwhile
+    const std::pair<std::string, std::string> broken[] = {
+        {"~0005Fabcdef\x7f", "~0007AN1\x7f"},
+        {"~0099Fab\x7f", "~0007AN2\x7f"},
+        {"~1007Fxy\x7f", "~0007AN5\x7f"},
+        {"\x7f", "~0005A\x7f"},
+    };
+    size_t sent = 0, answered = 0;
+    while (seconds_since(start) < 30) {
+        for (const auto& [frame, receipt] : broken) {
+            panel().forget_received();
+            panel().send_raw(frame);
+            ++sent;
+            answered += wait_for([&] { return panel().received_bytes() == receipt; }, 2);
+        }
+        get("statusdevice");
+    }
+    EXPECT_EQ(answered, sent) << engine_->console();
+    panel().set_telemetry_ms(300);
+    EXPECT_TRUE(status_shows({R"("status":"3")"}, 5));
+    EXPECT_EQ(get("cmd=32"), ok_body);
+    EXPECT_TRUE(status_shows({R"("status":"3")"}, 10));
+    EXPECT_NE(get("configstate=zn"), config_list({}));
+    engine_->exit_cleanly();
 }
 
 // While any frame of a configuration write still waits, another write is refused and queues nothing.

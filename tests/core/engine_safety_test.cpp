@@ -387,7 +387,8 @@ TEST(Restarts, TenInARowTakeTheSamePortAndABusyOneIsSkipped) {
 }
 
 // An engine ends by itself 15 s after the last connection, unless a firmware upload still goes on:
-// the upload outlives the browser that sent it, and its engine ends 15 s after the last block.
+// the upload outlives the browser that sent it, and its engine ends 15 s after the last block,
+// closing the panel's port, with status 0.
 TEST(IdleEnd, FifteenSecondsAfterTheLastConnectionOrTheLastFirmwareBlock) {
     TempDir idle_dir;
     EngineProcess idle(idle_dir);
@@ -438,6 +439,9 @@ TEST(IdleEnd, FifteenSecondsAfterTheLastConnectionOrTheLastFirmwareBlock) {
     }
     ASSERT_NO_FATAL_FAILURE(engine.expect_clean_end(45));
     auto ended = Clock::now();
+    EXPECT_NE(engine.console().find("Close device \n", engine.console().rfind("Open device")),
+              std::string::npos)
+        << engine.console();
     std::vector<SimFrame> blocks;
     for (const SimFrame& frame : panel.received())
         if (frame.type() == 'B') blocks.push_back(frame);

@@ -1,7 +1,10 @@
 // GET API: static files, JSON queries and the device command set, answered byte for byte.
 #include "http/get_api.h"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <filesystem>
 #include <fstream>
@@ -21,7 +24,7 @@ static const std::string api = "/tuning/device?id=-1&";
 
 // The answer to `target` followed by what it printed, stamps marked.
 static std::string get(std::string target) {
-    std::stringstream answer;
+    AnswerStream answer;
     std::string console = printed_by([&] { parse_get_query(target, answer); });
     return answer.str() + console;
 }
@@ -68,4 +71,36 @@ TEST(Queries, UnknownAndTraversingTargetsAre404WhileVersionAndExitAnswer) {
     EXPECT_FALSE(is_exit);
     EXPECT_EQ(get(api + "exit"), json_answer(json_ok));
     EXPECT_TRUE(is_exit.exchange(false));
+}
+
+// Files are kept in memory between requests, yet an edit shows on the very
+// next one: new bytes of the same size with the old modification time put
+// back, a new size, another file renamed into place, a removal.
+TEST(StaticFiles, EditsShowOnTheNextRequest) {
+    const std::string head =
+        "Access-Control-Allow-Origin: *\r\nContent-Type: application/javascript; charset=utf-8\r\n";
+    std::filesystem::create_directories("js");
+    const char* const names[] = {"same_size", "longer", "renamed", "removed"};
+    for (const std::string name : names) std::ofstream("js/" + name + ".js") << "first";
+    usleep(1100000);  // a file changed within the last second is never kept
+    for (const std::string name : names) ASSERT_EQ(get("/" + name + ".js"), answer_200(head, "first"));
+
+    struct stat old {};
+    stat("js/same_size.js", &old);
+    std::ofstream("js/same_size.js") << "fresh";
+    const timespec times[] = {old.st_atim, old.st_mtim};
+    utimensat(AT_FDCWD, "js/same_size.js", times, 0);
+    std::ofstream("js/longer.js") << "longer";
+    std::ofstream("js/other") << "other";
+    utimensat(AT_FDCWD, "js/other", times, 0);
+    std::filesystem::rename("js/other", "js/renamed.js");
+    std::filesystem::remove("js/removed.js");
+    const std::pair<std::string, std::string> now[] = {
+        {"same_size", answer_200(head, "fresh")},
+        {"longer", answer_200(head, "longer")},
+        {"renamed", answer_200(head, "other")},
+        {"removed", ""},
+    };
+    for (const auto& [name, answer] : now) EXPECT_EQ(get("/" + name + ".js"), answer) << name;
+    std::filesystem::remove_all("js");
 }

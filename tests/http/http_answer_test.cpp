@@ -14,15 +14,15 @@ TEST(AnswerBuilders, WriteExactBytesAndEnvelopes) {
     const std::string attachment =
         "Content-Type: text/plain; charset=UTF-8\r\nContent-disposition: attachment; "
         "filename=config.ini\r\nContent-transfer-encoding: text\r\n";
-    using Builder = void (*)(std::stringstream&, const std::string&);
+    using Builder = void (*)(AnswerStream&, const std::string&);
     const std::pair<Builder, std::string> cases[] = {
         {set_response_cfg_file, answer_200(attachment, body)},
-        {[](std::stringstream& s, const std::string&) { set_error(s); }, not_found_answer},
-        {[](std::stringstream& s, const std::string&) { set_OK(s); },
+        {[](AnswerStream& s, const std::string&) { set_error(s); }, not_found_answer},
+        {[](AnswerStream& s, const std::string&) { set_OK(s); },
          "HTTP/1.1 200 OK\r\nConnection: close\r\n\r\n"},
     };
     for (const auto& [build, expected] : cases) {
-        std::stringstream answer;
+        AnswerStream answer;
         build(answer, body);
         EXPECT_EQ(answer.str(), expected);
     }

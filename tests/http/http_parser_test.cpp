@@ -1,10 +1,10 @@
 // Tests of request parsing and refusing cross-site requests.
-#include "http/http_answer.h"
 #include "http/http_parser.h"
 
 #include <gtest/gtest.h>
 
 #include "core/engine.h"
+#include "http/http_answer.h"
 #include "support/engine_harness.h"
 
 namespace {
@@ -14,7 +14,7 @@ using namespace harness;
 // Parses `request`; returns the answer and passes back the record, the body bytes still expected and the
 // console output.
 std::string parse_answer(std::string request, parsing_result& result, int& missing, std::string& console) {
-    std::stringstream answer;
+    AnswerStream answer;
     console = printed_by(
         [&] { missing = parse(request.data(), static_cast<int>(request.size()), answer, result); });
     return answer.str();
@@ -28,12 +28,15 @@ TEST(SplitHeader, KeepsWalkingPastTheBlankLineUntilAZeroByte) {
         {"P\r\n\r\nbody1\r\n\r\nrest", {"P", "", "body1", "", "rest"}, 14},
         {std::string("A\r\n\r\nB\0C\r\n\r\n", 12), {"A", "", "B"}, 5},
         {"A\nB\r\n", {"A\nB"}, 0},
+        {"A\r\rB\r", {"A\r\rB\r"}, 0},
+        {"\r\n", {""}, 2},
+        {"", {}, 0},  // an empty read, passed without a buffer at all
     };
     for (const auto& [input, expected_lines, expected_len] : cases) {
         std::string buf = input;
         std::vector<std::string> lines{"stale"};
         int header_len = 0;
-        split_header(buf.data(), static_cast<int>(buf.size()), lines, header_len);
+        split_header(buf.empty() ? nullptr : buf.data(), static_cast<int>(buf.size()), lines, header_len);
         EXPECT_EQ(lines, expected_lines) << input;
         EXPECT_EQ(header_len, expected_len) << input;
     }
@@ -52,7 +55,7 @@ TEST(StrToBin, DecodesUtf8OfLatin1BytesAndAppends) {
 TEST(Parse, PostIsAcceptedForUploadCommandsFromLocalOriginsOnly) {
     std::string config;
     parser.cfg_to_file(config);
-    std::stringstream download;
+    AnswerStream download;
     set_response_cfg_file(download, config);
     const std::string ok = json_answer(json_ok), forbidden = forbidden_answer;
     const std::string upload = "/tuning/device?id=-1&cmd=71";

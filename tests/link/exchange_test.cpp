@@ -2,12 +2,17 @@
 // panel: opening, framing of what arrives, stop-and-wait sending, block retries,
 // loss and the watchdog.
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 #include <sys/sysmacros.h>
 
+#include <cstdlib>
+#include <fstream>
+#include <functional>
 #include <string>
 #include <tuple>
 #include <vector>
 
+#include "http/get_commands.h"
 #include "link/link_test_support.h"
 
 namespace {
@@ -40,6 +45,33 @@ TEST_F(Exchange, OpenIsAnnouncedAndAQuietReadOnlyTimesOut) {
     EXPECT_GE(seconds_since(start), 0.09);
     EXPECT_LT(seconds_since(start), 1.0);
     EXPECT_TRUE(is_open());
+}
+
+// Opening waits for stty to end rather than for a fixed time, and gives a
+// stty that does not end 2 s before it opens the port all the same.
+TEST_F(Exchange, OpenWaitsForSttyAtMostTwoSeconds) {
+    const std::string path = panel_.slave_path(), old_path = getenv("PATH");
+    const std::tuple<const char*, double, double> cases[] = {
+        // stty in PATH (none: the system's), seconds the open takes at least and less than
+        {nullptr, 0, 1.5},
+        {"#!/bin/sh\nexec sleep 2.5\n", 1.9, 3},
+    };
+    for (const auto& [fake_stty, at_least, below] : cases) {
+        if (fake_stty) {
+            std::ofstream(scratch_.dir.path() + "/stty") << fake_stty;
+            chmod((scratch_.dir.path() + "/stty").c_str(), 0755);
+            setenv("PATH", (scratch_.dir.path() + ":" + old_path).c_str(), 1);
+        }
+        const auto start = Clock::now();
+        int opened = 0;
+        std::string port = path;
+        std::string printed = printed_by([&] { opened = open_dev(port); });
+        const double took = seconds_since(start);
+        setenv("PATH", old_path.c_str(), 1);
+        EXPECT_EQ(1, opened) << printed;
+        EXPECT_GE(took, at_least);
+        EXPECT_LT(took, below);
+    }
 }
 
 TEST_F(Exchange, ReaderCutsFramesAcrossChunks) {
@@ -129,9 +161,10 @@ TEST_F(Exchange, UnacknowledgedBlockIsWrittenThreeTimesThenTheLinkRestarts) {
     EXPECT_EQ("4", parser.get_ready_text(&StatusDevice::rupd));
 }
 
-// An unplugged panel: writes fail and keep the command queued; the device
-// thread's next read drops the link and the thread carries on without it.
-TEST_F(Exchange, HungUpPanelKeepsCommandsQueuedAndDropsTheLink) {
+// An unplugged panel: writes fail and keep the command queued while the port
+// is open; the device thread's next read drops the link, and with it what was
+// queued, and the thread carries on without it.
+TEST_F(Exchange, HungUpPanelKeepsCommandsQueuedUntilTheLinkDrops) {
     panel_.hangup();
     ASSERT_TRUE(wait_for([this] { return panel_.hung_up(); }, 1));
     queue.cmd_to_dev(cmd_pl, cmd_pl_len);
@@ -142,8 +175,71 @@ TEST_F(Exchange, HungUpPanelKeepsCommandsQueuedAndDropsTheLink) {
 
     DeviceThread device;
     EXPECT_TRUE(wait_for([] { return !is_open() && parser.get_status() == 1; }, 3));
+    EXPECT_TRUE(queue.is_empty());
     usleep(300000);  // a few idle cycles with no device
     EXPECT_TRUE(device.running());
+}
+
+// Every way the port closes leaves nothing of the link behind, as a connect
+// does: both queues empty (no command counts against the bound for a panel
+// that is gone), no password exchange, no receipt awaited. A silence restart
+// keeps the port, and keeps what waits for it.
+TEST_F(Exchange, EveryCloseForgetsWhatWaitedForThePanel) {
+    const std::pair<const char*, std::function<void(PanelSim&)>> closes[] = {
+        {"panel unplugged",
+         [](PanelSim& panel) {
+             panel.hangup();
+             wait_for([&] { return panel.hung_up(); }, 1);
+             read_step();
+         }},
+        {"third silence",
+         [](PanelSim&) {
+             no_read_ms = 0;
+             send_sf_cnt = 2;
+             read_step();
+         }},
+        {"restart acknowledged",
+         [](PanelSim& panel) {
+             send_re = true;
+             feed(panel, kReceiptOK);
+         }},
+        {"firmware end closing the link", [](PanelSim& panel) { feed(panel, sim_frame('F', "UR0-2")); }},
+        {"disconnect",
+         [](PanelSim&) {
+             AnswerStream answer;
+             run_command(11, "/tuning/device?id=-1&cmd=11", answer);
+         }},
+        {"reconnect to a port that fails",
+         [](PanelSim&) {
+             AnswerStream answer;
+             run_command(11, "/tuning/device?id=-1&cmd=11&com=/dev/null", answer);
+         }},
+        {"silence restart (port kept)",
+         [](PanelSim&) {
+             no_read_ms = 0;
+             read_step();
+         }},
+    };
+    for (const auto& [name, close_port] : closes) {
+        SCOPED_TRACE(name);
+        PanelSim panel{{.make_link = false, .telemetry_ms = 0, .silent = true}};
+        ASSERT_TRUE(panel.start()) << panel.error();
+        std::string path = panel.slave_path();
+        printed_by([&] { ASSERT_EQ(1, open_dev(path)); });
+        for (int i = 0; i < 3; ++i) queue.cmd_to_dev(cmd_ls, cmd_ls_len);
+        std::vector<char> image(600, 'x');
+        parser.firmware_to_dev(0, image);
+        queue.pass_sent = queue.pass_rejected = true;
+        dev_busy = wait_receipt_OK = true;
+        dev_busy_cnt = 5;
+        printed_by([&] { close_port(panel); });
+        const bool kept = is_open();
+        EXPECT_EQ(kept ? 3u : 0u, queue.size());
+        EXPECT_EQ(kept, !bbqueue.is_empty());
+        EXPECT_EQ(kept, queue.pass_sent && queue.pass_rejected);
+        EXPECT_EQ(kept, dev_busy || wait_receipt_OK);
+        close_dev();
+    }
 }
 
 // dev_thread runs while this thread queues commands and a firmware image, as

@@ -30,8 +30,8 @@ struct ScratchDir {
     TempDir dir;
 };
 
-// A silent simulated panel on a pty with the engine's port open on it (2 s for
-// stty) and a fresh link; tests switch on the panel behaviour they need.
+// A silent simulated panel on a pty with the engine's port open on it and a
+// fresh link; tests switch on the panel behaviour they need.
 class PanelLinkTest : public testing::Test {
 protected:
     void SetUp() override {
@@ -74,7 +74,7 @@ private:
     std::future<void> loop_ = start();
 };
 
-// Makes a pseudo-terminal's master the engine's device (no stty wait), so that
+// Makes a pseudo-terminal's master the engine's device (no stty), so that
 // the engine's receipts really go out and can be read back from the slave.
 struct PtyPort : Pty {
     PtyPort() { USB = master.get(); }
