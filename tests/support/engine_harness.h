@@ -149,9 +149,14 @@ struct Redirect {
         fflush(nullptr);
         dup2(Fd(open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644)).get(), fd_);
     }
+    // A failure's message went into the file with the rest; it is shown where the run's output goes.
     ~Redirect() {
         fflush(nullptr);
         dup2(saved_.get(), fd_);
+        if (fd_ == 1 && ::testing::Test::HasFailure()) {
+            std::string captured = text();
+            (void)!write(fd_, captured.data(), captured.size());
+        }
     }
     std::string text() const { return read_text_file(path_); }
     int fd_;
