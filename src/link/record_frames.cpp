@@ -204,3 +204,14 @@ std::vector<RecordedFrame> record_frames(const std::vector<RecordLine>& lines) {
     mark_unasked(frames);
     return frames;
 }
+
+std::string hex_of(const std::string& bytes) {
+    static const char digits[] = "0123456789abcdef";
+    std::string out;
+    out.reserve(bytes.size() * 2);
+    for (unsigned char c : bytes) {
+        out += digits[c >> 4];
+        out += digits[c & 0x0F];
+    }
+    return out;
+}

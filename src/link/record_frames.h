@@ -10,6 +10,9 @@
 
 #include "link/link_record.h"
 
+// Bytes as lower-case hex pairs with no blanks, as a record writes them.
+std::string hex_of(const std::string& bytes);
+
 // How a stretch of recorded bytes ended.
 enum class FrameCut {
     whole,       // a frame between a start and an end byte

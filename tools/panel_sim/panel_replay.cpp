@@ -14,16 +14,6 @@ constexpr int kLoopWaitMs = 10;
 constexpr auto kLinger = std::chrono::milliseconds(500);
 const std::string kPlainReceipt("~0005A\x7f");
 
-std::string hex(const std::string& bytes) {
-    static const char digits[] = "0123456789abcdef";
-    std::string out;
-    for (unsigned char c : bytes) {
-        out += digits[c >> 4];
-        out += digits[c & 0x0F];
-    }
-    return out;
-}
-
 bool is_receipt(const std::string& body) {
     return body.size() > 4 && body[4] == 'A';
 }
@@ -129,8 +119,8 @@ void PanelReplay::match(size_t step) {
 }
 
 void PanelReplay::differ(const std::string& expected, const RecordedFrame& got, std::ostream& out) {
-    out << "replay: frame " << frame_number() << " differs: expected " << hex(expected) << ", got "
-        << hex(got.wire.substr(got.outside)) << std::endl;
+    out << "replay: frame " << frame_number() << " differs: expected " << hex_of(expected) << ", got "
+        << hex_of(got.wire.substr(got.outside)) << std::endl;
     ++differed_;
 }
 

@@ -8,16 +8,6 @@
 
 namespace {
 
-std::string hex(const std::string& bytes) {
-    static const char digits[] = "0123456789abcdef";
-    std::string out;
-    for (unsigned char c : bytes) {
-        out += digits[c >> 4];
-        out += digits[c & 0x0F];
-    }
-    return out;
-}
-
 void append_utf8(std::string& out, uint32_t code) {
     if (code < 0x80) {
         out += static_cast<char>(code);
@@ -84,7 +74,7 @@ std::string kind_details(FrameKind kind, const std::string& payload) {
         case FrameKind::events_block:
             return "events block" + block_details(payload);
         case FrameKind::other:
-            return "other, " + number(payload.size()) + " bytes: " + hex(payload);
+            return "other, " + number(payload.size()) + " bytes: " + hex_of(payload);
         default:
             return std::string(frame_kind_name(kind)) + " " + shown_text(payload);
     }
@@ -120,20 +110,20 @@ std::string frame_line(const RecordedFrame& frame) {
     switch (frame.cut) {
         case FrameCut::lost:
             return line + "frame lost: a start byte came inside it, " + number(frame.wire.size()) +
-                   " bytes: " + hex(frame.wire);
+                   " bytes: " + hex_of(frame.wire);
         case FrameCut::stray_end:
             return line + "end byte without a frame" +
                    (frame.outside > 1 ? ", after " + number(frame.outside - 1) + " bytes outside any frame"
                                       : "");
         case FrameCut::unfinished:
             return line + "unfinished when the link ended, " + number(frame.wire.size()) +
-                   " bytes: " + hex(frame.wire);
+                   " bytes: " + hex_of(frame.wire);
         case FrameCut::whole:
             break;
     }
     const std::string type = frame.body.size() > 4 ? std::string(1, frame.body[4]) : "?";
     const std::string reason = fault_reason(frame);
-    if (!reason.empty()) return line + type + " fails its checks: " + reason + ": " + hex(frame.body);
+    if (!reason.empty()) return line + type + " fails its checks: " + reason + ": " + hex_of(frame.body);
     line += type + " " + frame.body.substr(0, 4) + " " +
             kind_details(frame_kind(frame.direction, frame.body), payload_of(frame.body));
     if (frame.outside > 0) line += " (after " + number(frame.outside) + " bytes outside any frame)";
