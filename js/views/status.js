@@ -58,7 +58,7 @@ function zonesToChart() {
   return chosenZones ? seen.filter((n) => chosenZones.has(n)) : seen.slice(0, DEFAULT_ZONES);
 }
 
-function chartSpecs() {
+function chartKinds() {
   const zones = zonesToChart();
   return [
     { key: 'power', title: t('chart.power'), series: [{ label: t('chart.powerValue') }], pickers: [(s) => s.power] },
@@ -80,12 +80,12 @@ function buildCharts() {
   const area = $('#status-charts', root);
   area.replaceChildren();
   chartedZones = zonesToChart().join(',');
-  for (const spec of chartSpecs()) {
+  for (const kind of chartKinds()) {
     const box = h('div', { class: 'chart' });
-    const figure = h('figure', { id: `chart-${spec.key}`, 'aria-labelledby': `chart-${spec.key}-title` },
-      h('figcaption', { id: `chart-${spec.key}-title` }, spec.title), box, h('p', { class: 'empty', hidden: true }, t('chart.noValues')));
+    const figure = h('figure', { id: `chart-${kind.key}`, 'aria-labelledby': `chart-${kind.key}-title` },
+      h('figcaption', { id: `chart-${kind.key}-title` }, kind.title), box, h('p', { class: 'empty', hidden: true }, t('chart.noValues')));
     area.append(figure);
-    charts.push({ ...spec, box, figure, chart: null });
+    charts.push({ ...kind, box, figure, chart: null });
   }
   drawCharts();
 }
