@@ -155,10 +155,10 @@ int open_dev(std::string& path) {
             link_record_close();
         }
         if (fd >= 0) link_record_open(path);
+        // A port that was open is gone now: its link is forgotten as on close.
+        if (fd < 0 && replaced != 0) forget_previous_link();
     }
     if (fd < 0) {
-        // A port that was open is gone now: its link is forgotten as on close.
-        if (replaced != 0) forget_previous_link();
         console_line("Error. Don't open device (w)" + path);
         return 0;
     }
@@ -168,18 +168,22 @@ int open_dev(std::string& path) {
 
 void close_dev() {
     int fd = 0;
-    if (USB != 0) {
+    {
         MutexLock lock(port_mutex);
-        fd = USB.exchange(0);
-        if (fd != 0) {
-            close(fd);
-            link_record_close();
+        if (USB != 0) {
+            fd = USB.exchange(0);
+            if (fd != 0) {
+                close(fd);
+                link_record_close();
+            }
+            ++port_generation;
         }
-        ++port_generation;
+        // Frames queued for a panel that is gone must not wait for the next
+        // one, nor count against the queue's bounds meanwhile: forgotten as on
+        // connect. Under the port's lock, so that a close on the device thread
+        // can never forget what a connect opened and queued after it.
+        forget_previous_link();
     }
-    // Frames queued for a panel that is gone must not wait for the next one,
-    // nor count against the queue's bounds meanwhile: forgotten as on connect.
-    forget_previous_link();
     if (fd != 0) console_line("Close device ");
 }
 
