@@ -17,6 +17,7 @@
 #include "http/post_api.h"
 #include "link/dev_port.h"
 #include "link/exchange.h"
+#include "link/link_record.h"
 
 namespace fs = std::filesystem;
 
@@ -53,6 +54,7 @@ void fresh_engine() {
     std::destroy_at(&bbqueue);
     std::construct_at(&bbqueue);
     exchange_reset();
+    link_record_reset();
     is_exit = false;
     std::vector<char>().swap(cry_file_content);
     clear_static_files();
