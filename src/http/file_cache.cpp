@@ -76,9 +76,13 @@ bool settled(const struct stat& about) {
     return ns_of(now) - ns_of(about.st_mtim) > settle_ns && ns_of(now) - ns_of(about.st_ctim) > settle_ns;
 }
 
-// Keeps the bytes read if the file may be held; the bytes to answer with.
+// Keeps the bytes read if the file may be held; the bytes to answer with. A
+// file whose size changed while it was read is not held: its bytes are not
+// the version its times describe, and could be over the limit.
 const std::string* hold(const std::string& path, const struct stat& about, std::string& bytes) {
-    if (about.st_size > max_file_bytes || !settled(about)) return &bytes;
+    if (about.st_size > max_file_bytes || static_cast<off_t>(bytes.size()) != about.st_size ||
+        !settled(about))
+        return &bytes;
     while (!held.empty() && (held_bytes + bytes.size() > max_held_bytes || held.size() >= max_held_files))
         forget(std::prev(held.end()));
     held_bytes += bytes.size();
